@@ -1,0 +1,3 @@
+#include "Module.h"
+
+const char* Cryptography::FipsEnabledPath() { return "/proc/sys/crypto/fips_enabled"; }

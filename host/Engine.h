@@ -1,0 +1,154 @@
+// The reference Ombrix engine: loads modules, binds their declarations, hands
+// out type codes, chooses overloads and runs calls (with interruptions).
+#pragma once
+
+#include <map>
+#include <memory>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "Ombrix/Interfaces.h"
+#include "Services.h"
+#include "Variant.h"
+
+namespace Ombrix::Host {
+
+class Engine;
+
+using TypeFactory = IUserDefinedType* (*)(uint32_t typeId, IContext* context);
+
+struct Declaration {
+    enum class Kind { Function, Procedure, Type };
+
+    Kind kind = Kind::Function;
+    std::string resultType;               // empty for procedures and types
+    std::string name;                     // "Cryptography.Hash"
+    std::vector<std::string> parameters;  // type names
+    std::string entryName;                // exported symbol
+    uint32_t resultCode = 0;
+    std::vector<uint32_t> parameterCodes;
+    RoutineEntry entry = nullptr;
+    TypeFactory factory = nullptr;
+    std::string module;
+
+    std::string Namespace() const { return name.substr(0, name.find('.')); }
+    std::string ShortName() const { return name.substr(name.find('.') + 1); }
+    // "FUNCTION STRING Cryptography.X (STRING,NUMBER)"
+    std::string Text() const;
+};
+
+// Splits a module definition text into declarations; throws std::runtime_error
+// naming the position of the first thing it cannot read.
+std::vector<Declaration> ParseDefinition(std::string_view text);
+
+struct ErrorReport {
+    int32_t severity = 0;
+    std::string moduleNamespace;
+    std::string id;
+    std::string message;
+};
+
+struct CallOutcome {
+    const Declaration* declaration = nullptr;
+    uint32_t status = 0;
+    AutoRefPtr<Variant> result;
+    std::vector<ErrorReport> errors;  // in the order they were reported
+    int resumptions = 0;
+
+    bool ok() const { return status == 0 && errors.empty(); }
+    const ErrorReport* error() const { return errors.empty() ? nullptr : &errors.front(); }
+};
+
+struct LoadedModule {
+    std::string path;
+    void* handle = nullptr;
+    std::string name;
+    std::map<std::string, std::string> exports;  // data export name -> value
+    std::string definition;
+    std::vector<std::string> unresolved;         // declared entry points that did not resolve
+    bool registered = false;
+};
+
+// A host routine offered to scripts and modules (JSON, Net, ...).
+struct HostRoutine {
+    std::string declaration;  // as a module would declare it, e.g. "FUNCTION JSON JSON.FromString (STRING)"
+    RoutineEntry entry;
+};
+
+class Engine {
+public:
+    struct Options {
+        std::map<std::string, std::string> configuration;
+        bool verboseLog = false;
+        int maxResumptions = 1000;
+    };
+
+    Engine();
+    explicit Engine(Options options);
+    ~Engine();
+    Engine(const Engine&) = delete;
+    Engine& operator=(const Engine&) = delete;
+
+    // dlopen, data exports, definition, RegisterModule, binding. Throws
+    // std::runtime_error when the library cannot be loaded or registered.
+    const LoadedModule& Load(const std::string& path);
+    void AddHostModule(const std::string& name, const std::vector<HostRoutine>& routines);
+    const std::vector<std::unique_ptr<LoadedModule>>& Modules() const { return modules_; }
+    // Every declared entry point of every module that did not resolve.
+    std::vector<std::string> Unresolved() const;
+
+    void SetConfiguration(const std::string& key, const std::string& value) { configuration_->Set(key, value); }
+    void SetPolicy(const std::string& name, uint64_t identity);
+    AutoRefPtr<IPolicy> GetPolicy() const { return policy_; }
+    Logger& Log() { return *logger_; }
+    AutoRefPtr<IEventScheduler> Scheduler() const { return scheduler_; }
+
+    // Type codes: built-ins, JSON, module TYPEs, and VECTOR<...> of any of them.
+    uint32_t FindType(std::string_view name) const;
+    std::string TypeName(uint32_t code) const;
+    AutoRefPtr<Variant> CreateInstance(uint32_t code) const;
+    // A fresh value of a module type through its TYPE factory; null when unknown.
+    AutoRefPtr<IUserDefinedType> NewValue(std::string_view typeName);
+    // A module value restored from JSON text; null when the type is unknown or
+    // the text is refused.
+    AutoRefPtr<IUserDefinedType> Deserialize(std::string_view typeName, std::string_view jsonText);
+
+    // Declarations by script name (overloads in declaration order).
+    std::vector<const Declaration*> Overloads(std::string_view name) const;
+    std::vector<std::string> Namespaces() const;
+    std::vector<std::string> RoutineNames(std::string_view ns) const;
+    // The overload whose parameter codes match the arguments exactly; else the
+    // first with as many parameters; else the first. Null when the name is unknown.
+    const Declaration* Choose(std::string_view name, const std::vector<AutoRefPtr<IVariant>>& arguments) const;
+    const Declaration* FindEntry(std::string_view entryName) const;
+    // The routine matching a name and a signature (result type, then parameters).
+    const Declaration* FindRoutine(std::string_view name, const std::vector<std::string>& signature,
+                                   bool procedure) const;
+
+    // Runs a routine chosen by name and argument types; throws
+    // std::invalid_argument for an unknown name.
+    CallOutcome Call(std::string_view name, std::vector<AutoRefPtr<IVariant>> arguments);
+    // Runs one declaration (by entry-point name), bypassing overload choice.
+    CallOutcome CallEntry(std::string_view entryName, std::vector<AutoRefPtr<IVariant>> arguments);
+    CallOutcome CallDeclaration(const Declaration& declaration, std::vector<AutoRefPtr<IVariant>> arguments,
+                                bool withResult = true);
+
+private:
+    uint32_t DeclareType(const std::string& name);
+    void Bind(LoadedModule& module, std::vector<Declaration> declarations);
+
+    Options options_;
+    AutoRefPtr<Configuration> configuration_;
+    AutoRefPtr<Logger> logger_;
+    AutoRefPtr<IPolicy> policy_;
+    AutoRefPtr<EventScheduler> scheduler_;
+    std::vector<std::unique_ptr<LoadedModule>> modules_;
+    std::vector<std::unique_ptr<Declaration>> declarations_;
+    std::map<std::string, uint32_t, std::less<>> types_;        // single custom types
+    std::map<uint32_t, const Declaration*> typeDeclarations_;   // code -> TYPE declaration
+};
+
+}  // namespace Ombrix::Host

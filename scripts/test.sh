@@ -1,0 +1,20 @@
+#!/usr/bin/env bash
+# Sets up, then builds and runs the whole test suite twice: a normal build and
+# an AddressSanitizer + UndefinedBehaviorSanitizer build.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+scripts/setup.sh
+jobs=$(nproc)
+
+run_suite() {  # build-dir, extra cmake flags...
+  local dir=$1; shift
+  cmake -S . -B "$dir" -G Ninja "$@" >/dev/null
+  cmake --build "$dir"
+  (cd "$dir" && ctest --output-on-failure -j "$jobs")
+}
+
+echo "== normal build =="
+run_suite build
+echo "== sanitizer build (ASan + UBSan) =="
+ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
+  run_suite build-sanitize -DOMBRIX_SANITIZE=ON -DCMAKE_BUILD_TYPE=Debug

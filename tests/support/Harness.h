@@ -1,0 +1,55 @@
+// Test harness: an engine with the module loaded, and short value makers, so
+// tests call routines the way a host does.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "Engine.h"
+#include "FileData.h"
+#include "Ombrix/Data.h"
+
+namespace Testing {
+
+using Ombrix::AutoRefPtr;
+using Ombrix::IDataRef;
+using Ombrix::IVariant;
+using Ombrix::Host::CallOutcome;
+using Ombrix::Host::Engine;
+using Ombrix::Host::Variant;
+using Args = std::vector<AutoRefPtr<IVariant>>;
+
+inline AutoRefPtr<IVariant> Str(std::string s) { return AutoRefPtr<IVariant>(Variant::String(std::move(s))); }
+inline AutoRefPtr<IVariant> Num(double n) { return AutoRefPtr<IVariant>(Variant::Number(n)); }
+inline AutoRefPtr<IVariant> Bool(bool b) { return AutoRefPtr<IVariant>(Variant::Boolean(b)); }
+inline AutoRefPtr<IDataRef> Bytes(std::string s) { return AutoRefPtr<IDataRef>(Ombrix::Data::Make(std::move(s))); }
+inline AutoRefPtr<IVariant> Dat(std::string s) { return AutoRefPtr<IVariant>(Variant::DataRef(Bytes(std::move(s)))); }
+inline AutoRefPtr<IVariant> Dat(AutoRefPtr<IDataRef> d) { return AutoRefPtr<IVariant>(Variant::DataRef(std::move(d))); }
+inline AutoRefPtr<IVariant> Obj(AutoRefPtr<Ombrix::IUserDefinedType> o) { return AutoRefPtr<IVariant>(Variant::Object(std::move(o))); }
+
+std::string Hex(std::string_view bytes);
+std::string Unhex(std::string_view hex);
+std::string ReadFile(const std::string& path);
+std::string DataPath(const std::string& name);  // a file of tests/data
+
+// The bytes of a DATAREF result ("" when it holds none).
+std::string ResultBytes(const CallOutcome& outcome);
+std::string ResultString(const CallOutcome& outcome);
+
+// Each test gets its own engine with the module loaded.
+class ModuleTest : public ::testing::Test {
+protected:
+    ModuleTest();
+    CallOutcome Call(std::string_view name, Args args) { return engine_.Call(name, std::move(args)); }
+    CallOutcome CallEntry(std::string_view entry, Args args) { return engine_.CallEntry(entry, std::move(args)); }
+
+    Engine engine_;
+};
+
+// Expects exactly one report with this id and message.
+void ExpectError(const CallOutcome& outcome, const std::string& id, const std::string& message,
+                 const std::string& moduleNamespace = "Cryptography");
+
+}  // namespace Testing
