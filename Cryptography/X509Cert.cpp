@@ -1,0 +1,80 @@
+#include "X509Cert.h"
+
+#include <openssl/pem.h>
+
+#include <climits>
+
+#include "Ombrix/Json.h"
+#include "Routine.h"
+
+namespace Cryptography {
+
+X509Cert::X509Cert(const X509Cert& other) : CustomType(other) {
+    if (other.cert_ && X509_up_ref(other.cert_.get())) cert_.reset(other.cert_.get());
+}
+
+bool X509Cert::ImportPEM(const char* text) {
+    if (!text) return false;
+    OpenSSL::BioPtr bio(BIO_new_mem_buf(text, -1));
+    if (!bio) return false;
+    X509* read = PEM_read_bio_X509(bio.get(), nullptr, nullptr, nullptr);
+    if (!read) return false;
+    cert_.reset(read);
+    return true;
+}
+
+bool X509Cert::ImportDER(const Ombrix::IDataRef* der) {
+    Ombrix::DataBytes bytes(der);
+    if (bytes.size() > static_cast<size_t>(LONG_MAX)) return false;
+    const auto* cursor = reinterpret_cast<const unsigned char*>(bytes.data());
+    X509* read = d2i_X509(nullptr, &cursor, static_cast<long>(bytes.size()));
+    if (!read) return false;
+    cert_.reset(read);
+    return true;
+}
+
+std::string X509Cert::ToPEM() const {
+    if (!cert_) return {};
+    OpenSSL::BioPtr bio(BIO_new(BIO_s_mem()));
+    if (!bio || PEM_write_bio_X509(bio.get(), cert_.get()) != 1) return {};
+    std::string pem(BIO_number_written(bio.get()), '\0');
+    if (BIO_read(bio.get(), pem.data(), static_cast<int>(pem.size())) != static_cast<int>(pem.size())) return {};
+    return pem;
+}
+
+Ombrix::AutoRefPtr<Ombrix::Data> X509Cert::ToDER() const {
+    if (!cert_) return nullptr;
+    unsigned char* encoded = nullptr;
+    const int length = i2d_X509(cert_.get(), &encoded);
+    if (length <= 0) return nullptr;
+    auto der = Ombrix::Data::Make(std::string(reinterpret_cast<const char*>(encoded), static_cast<size_t>(length)));
+    OPENSSL_free(encoded);
+    return der;
+}
+
+void X509Cert::Adopt(X509* certificate) noexcept {
+    cert_.reset();
+    if (certificate && X509_up_ref(certificate)) cert_.reset(certificate);
+}
+
+X509* X509Cert::GetOrCreate() noexcept {
+    if (!cert_) cert_.reset(X509_new());
+    return cert_.get();
+}
+
+Ombrix::AutoRefPtr<Ombrix::IJSON> X509Cert::Interface_Serialize() const {
+    auto json = Ombrix::JSON::JSONWrapper::Make();
+    const std::string pem = ToPEM();
+    if (!json->SetMemberString("value", pem.data(), pem.size())) return nullptr;
+    return Ombrix::AutoRefPtr<Ombrix::IJSON>(std::move(json));
+}
+
+bool X509Cert::Interface_Deserialize(const Ombrix::IJSON* json) {
+    std::string pem;
+    if (!json || !json->GetMemberString("value", pem)) return false;
+    return ImportPEM(pem.c_str());
+}
+
+}  // namespace Cryptography
+
+CRYPTOGRAPHY_TYPE_FACTORY(CreateCryptographyX509, Cryptography::X509Cert)
