@@ -169,7 +169,10 @@ int New(lua_State* L) {
     else
         value = EngineOf(L).NewValue(type);
     if (!value) {
-        lua_pushfstring(L, "Ombrix.new: unknown type '%s'", type.c_str());
+        if (EngineOf(L).FindType(type))
+            lua_pushfstring(L, "Ombrix.new: type '%s' has no bound factory", type.c_str());
+        else
+            lua_pushfstring(L, "Ombrix.new: unknown type '%s'", type.c_str());
         return -1;
     }
     PushObject(L, std::move(value));

@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <climits>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
@@ -125,6 +126,9 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "ombrix: %s\n%s", line.error.c_str(), OmbrixTool::kUsage);
         return 2;
     }
+    // A peer that goes away makes socket writes fail with EPIPE instead of
+    // ending the process.
+    std::signal(SIGPIPE, SIG_IGN);
     const std::string executable = ExecutablePath(argv[0]);
     Session session;
     current = &session;
