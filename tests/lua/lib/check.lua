@@ -23,14 +23,24 @@ function check.raises(fn, label)
   return err
 end
 
--- Ends the script as skipped (exit code 77) unless every routine is bound.
-function check.needs(...)
+-- Whether every named routine is bound.
+function check.available(...)
   for _, name in ipairs({...}) do
-    if not Ombrix.available(name) then
-      io.stderr:write("skipped: ", name, " is not available yet\n")
-      os.exit(77)
-    end
+    if not Ombrix.available(name) then return false, name end
   end
+  return true
+end
+
+-- Ends the script as skipped (exit code 77).
+function check.skip(reason)
+  io.stderr:write("skipped: ", reason, "\n")
+  os.exit(77)
+end
+
+-- Skips the script unless every named routine is bound.
+function check.needs(...)
+  local ok, missing = check.available(...)
+  if not ok then check.skip(missing .. " is not available yet") end
 end
 
 -- Runs fn(case) for each case, reporting every failure by the case's name,
