@@ -7,6 +7,7 @@
 
 #include "Context.h"
 #include "JsonModule.h"
+#include "NetModule.h"
 #include "Ombrix/Json.h"
 
 namespace Ombrix::Host {
@@ -155,6 +156,7 @@ Engine::Engine(Options options)
     logger_->SetVerbose(options_.verboseLog);
     types_.emplace("JSON", kTypeJSON);
     AddHostModule("JSON", JsonModuleRoutines());
+    AddHostModule("Net", NetModuleRoutines());
 }
 
 Engine::~Engine() {

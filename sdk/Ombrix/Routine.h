@@ -7,6 +7,7 @@
 //   std::string              STRING (type code 9), bytes kept whole
 //   double                   NUMBER (5)
 //   int32_t / int64_t        NUMBER, truncated toward zero (int32_t keeps the low 32 bits)
+//   bool                     BOOLEAN (1), for host routines
 //   AutoRefPtr<IDataRef>     DATAREF (13)
 //   AutoRefPtr<IJSON>        JSON (a custom code)
 //   AutoRefPtr<T>            a module type T derived from IUserDefinedType
@@ -110,6 +111,14 @@ struct Argument<int32_t> {
     static bool Convert(const IVariant& v, int32_t& out) {
         if (v.GetType() != kTypeNumber) return false;
         out = TruncateToInt32(v.GetNumber());
+        return true;
+    }
+};
+template <>
+struct Argument<bool> {
+    static bool Convert(const IVariant& v, bool& out) {
+        if (v.GetType() != kTypeBoolean) return false;
+        out = v.GetBoolean();
         return true;
     }
 };

@@ -1,0 +1,45 @@
+// How host values look from Lua: the `Data` userdata over IDataRef, one
+// userdata kind for every custom value (JSON and module types), and the
+// conversions between Lua values and routine arguments and results.
+#pragma once
+
+#include <lua.hpp>
+
+#include <string>
+#include <string_view>
+
+#include "Ombrix/Interfaces.h"
+
+namespace OmbrixTool {
+
+using Ombrix::AutoRefPtr;
+
+// Registers the metatables and the global `Data` (callable, with `fromhex`
+// and `file`).
+void OpenValues(lua_State* L);
+
+// Pushes a Data userdata sharing the buffer, or nil when it is null.
+void PushData(lua_State* L, AutoRefPtr<Ombrix::IDataRef> data);
+// The buffer of a Data userdata at index, or null when the value is not one.
+Ombrix::IDataRef* ToData(lua_State* L, int index);
+
+// Pushes a userdata sharing the custom value, or nil when it is null.
+void PushObject(lua_State* L, AutoRefPtr<Ombrix::IUserDefinedType> object);
+// The custom value of an object userdata at index, or null.
+Ombrix::IUserDefinedType* ToObject(lua_State* L, int index);
+// The JSON interface of a custom value, or null when it is not a JSON value.
+Ombrix::IJSON* AsJSON(Ombrix::IUserDefinedType* object);
+
+// A routine argument from the Lua value at index: string -> STRING,
+// number -> NUMBER, boolean -> BOOLEAN, Data -> DATAREF, object -> its custom
+// type; nil gives a null argument. False for values that have no host form.
+bool ToArgument(lua_State* L, int index, AutoRefPtr<Ombrix::IVariant>& out);
+
+// Pushes one Lua value for a host value: the reverse of ToArgument, VECTORs
+// as arrays; null buffers and objects, and unassigned values, become nil.
+void PushVariant(lua_State* L, const Ombrix::IVariant& value);
+
+// Bytes of hexadecimal text; false when the text is not an even number of hex digits.
+bool DecodeHex(std::string_view text, std::string& out);
+
+}  // namespace OmbrixTool
