@@ -68,8 +68,12 @@ protected:
     KeyValue Generate(const std::string& routine, Args args = {}) { return ObjectOf(Call(routine, std::move(args))); }
 
     // A key routine taking only the key, with its result as text.
-    std::string TextOf(const std::string& routine, const KeyValue& key) { return ResultString(Call(routine, {Obj(key)})); }
-    std::string DerOf(const std::string& routine, const KeyValue& key) { return ResultBytes(Call(routine, {Obj(key)})); }
+    std::string TextOf(const std::string& routine, const KeyValue& key) {
+        return ResultString(Call(routine, {Obj(key)}));
+    }
+    std::string DerOf(const std::string& routine, const KeyValue& key) {
+        return ResultBytes(Call(routine, {Obj(key)}));
+    }
     bool IsValid(const KeyValue& key) {
         const CallOutcome outcome = Call("Cryptography.IsValid", {Obj(key)});
         return outcome.result && outcome.result->GetBoolean();

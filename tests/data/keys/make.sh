@@ -27,3 +27,6 @@ openssl pkey -in x25519.pem -pubout -outform DER -out x25519.pub.der
 
 # Exponent and modulus of the RSA key, as unpadded Base64URL.
 openssl rsa -in rsa.pem -noout -modulus | sed 's/^Modulus=//' | xxd -r -p | basenc --base64url -w0 | tr -d '=' > rsa.modulus.txt
+
+# Ed25519 public key: an algorithm the key routines report as "Unknown".
+openssl genpkey -algorithm ED25519 | openssl pkey -pubout -out ed25519.pub.pem
