@@ -1,4 +1,4 @@
--- Tour, part 5: keys and signatures.
+-- Guided tour: keys and signatures.
 --
 -- Generates an RSA, an EC and an X25519 key, shows their properties and PEM
 -- forms, signs a message with each signing key and verifies the signature.
