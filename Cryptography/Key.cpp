@@ -1,10 +1,13 @@
 #include "Key.h"
 
+#include <openssl/core_names.h>
 #include <openssl/pem.h>
 
 #include <cstring>
 #include <string_view>
 
+#include "Codec.h"
+#include "KeySupport.h"
 #include "Ombrix/Json.h"
 #include "Routine.h"
 
@@ -18,6 +21,16 @@ int PasswordCallback(char* buffer, int size, int /*rwflag*/, void* password) {
     const size_t length = std::min(std::strlen(static_cast<const char*>(password)), static_cast<size_t>(size));
     std::memcpy(buffer, password, length);
     return static_cast<int>(length);
+}
+
+// A BIGNUM parameter of the key as Base64URL of its minimal big-endian bytes.
+std::string BigNumParamBase64URL(const EVP_PKEY* pkey, const char* name) {
+    BIGNUM* raw = nullptr;
+    if (!EVP_PKEY_get_bn_param(pkey, name, &raw)) return {};
+    const OpenSSL::BigNumPtr number(raw);
+    std::string bytes((BN_num_bits(number.get()) + 7) / 8, '\0');
+    BN_bn2bin(number.get(), reinterpret_cast<unsigned char*>(bytes.data()));
+    return Codec::Base64URLEncode(bytes);
 }
 
 }  // namespace
@@ -46,7 +59,9 @@ bool Key::FromPEM(const char* text, const char* password) {
 
 std::string Key::ToPEM(bool publicOnly, Ombrix::IContext* context) const {
     if (!pkey_) return {};
-    OpenSSL::BioPtr bio(BIO_new(BIO_s_mem()));
+    // Secure memory is wiped when the BIO is freed, so no private key text
+    // stays behind in the heap.
+    OpenSSL::BioPtr bio(BIO_new(BIO_s_secmem()));
     if (!bio) return {};
     bool written;
     if (!isPrivate_ || publicOnly) {
@@ -66,15 +81,50 @@ std::string Key::ToPEM(bool publicOnly, Ombrix::IContext* context) const {
     return pem;
 }
 
+std::string Key::GetKeyType() const {
+    if (!pkey_) return {};
+    switch (EVP_PKEY_get_base_id(pkey_.get())) {
+        case EVP_PKEY_RSA:
+            return "RSA";
+        case EVP_PKEY_EC: {
+            size_t length = 0;
+            if (!EVP_PKEY_get_utf8_string_param(pkey_.get(), OSSL_PKEY_PARAM_GROUP_NAME, nullptr, 0, &length))
+                return {};
+            std::string group(length + 1, '\0');
+            if (!EVP_PKEY_get_utf8_string_param(pkey_.get(), OSSL_PKEY_PARAM_GROUP_NAME, group.data(), group.size(),
+                                                &length))
+                return {};
+            group.resize(length);
+            return group;
+        }
+        case EVP_PKEY_X25519:
+            return "X25519";
+        default:
+            return "Unknown";
+    }
+}
+
+std::string Key::GetExponent() const {
+    if (GetKeyType() != "RSA") return {};
+    return BigNumParamBase64URL(pkey_.get(), OSSL_PKEY_PARAM_RSA_E);
+}
+
+std::string Key::GetModulus() const {
+    if (GetKeyType() != "RSA") return {};
+    return BigNumParamBase64URL(pkey_.get(), OSSL_PKEY_PARAM_RSA_N);
+}
+
 Ombrix::AutoRefPtr<Ombrix::IJSON> Key::Interface_Serialize() const {
     auto json = Ombrix::JSON::JSONWrapper::Make();
-    const std::string pem = ToPEM(false);
+    std::string pem = ToPEM(false);
+    const CleanseOnExit wipe(pem);
     if (!json->SetMemberString("value", pem.data(), pem.size())) return nullptr;
     return Ombrix::AutoRefPtr<Ombrix::IJSON>(std::move(json));
 }
 
 bool Key::Interface_Deserialize(const Ombrix::IJSON* json) {
     std::string pem;
+    const CleanseOnExit wipe(pem);
     if (!json || !json->GetMemberString("value", pem)) return false;
     return FromPEM(pem.c_str(), nullptr);
 }

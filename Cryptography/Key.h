@@ -25,6 +25,14 @@ public:
     // is reported on context (when given).
     std::string ToPEM(bool publicOnly, Ombrix::IContext* context = nullptr) const;
 
+    // "RSA", the EC group name ("" when unreadable), "X25519" or "Unknown";
+    // "" for an empty key.
+    std::string GetKeyType() const;
+    // RSA public exponent and modulus as unpadded Base64URL of their minimal
+    // big-endian bytes; "" for an empty or non-RSA key.
+    std::string GetExponent() const;
+    std::string GetModulus() const;
+
     bool IsValid() const noexcept { return pkey_ != nullptr; }
     bool IsPrivate() const noexcept { return isPrivate_; }
     EVP_PKEY* PKey() const noexcept { return pkey_.get(); }
