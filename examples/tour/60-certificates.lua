@@ -1,4 +1,4 @@
--- Tour, part 6: X.509 certificates.
+-- Guided tour: X.509 certificates.
 --
 -- A Cryptography.X509 value holds one certificate. It can be built step by
 -- step, read from PEM or DER, written back, and inspected.
