@@ -155,7 +155,7 @@ Engine::Engine(Options options)
     for (const auto& [key, value] : options_.configuration) configuration_->Set(key, value);
     logger_->SetVerbose(options_.verboseLog);
     types_.emplace("JSON", kTypeJSON);
-    AddHostModule("JSON", JsonModuleRoutines());
+    if (options_.jsonModule) AddHostModule("JSON", JsonModuleRoutines());
     AddHostModule("Net", NetModuleRoutines());
 }
 

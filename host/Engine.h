@@ -84,6 +84,8 @@ public:
         std::map<std::string, std::string> configuration;
         bool verboseLog = false;
         int maxResumptions = 1000;
+        // Offer the host's JSON routines; tests of missing imports turn this off.
+        bool jsonModule = true;
     };
 
     Engine();
