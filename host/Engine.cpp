@@ -2,6 +2,8 @@
 
 #include <dlfcn.h>
 
+#include <csignal>
+
 #include <algorithm>
 #include <cctype>
 
@@ -152,6 +154,9 @@ Engine::Engine(Options options)
       logger_(new Logger),
       policy_(new Policy("default", 1)),
       scheduler_(new EventScheduler) {
+    // Scripts write to sockets (TLS sessions over their own connections); a
+    // write to a peer that has gone must fail with EPIPE, not end the process.
+    std::signal(SIGPIPE, SIG_IGN);
     for (const auto& [key, value] : options_.configuration) configuration_->Set(key, value);
     logger_->SetVerbose(options_.verboseLog);
     types_.emplace("JSON", kTypeJSON);
