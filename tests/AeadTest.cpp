@@ -268,6 +268,7 @@ TEST_F(ChaCha, NonceHandling) {
         {"8 bytes without contiguous bytes", Dat(AutoRefPtr<IDataRef>(new CountingData(n8))), Dat(n8),
          n8 + std::string(4, '\0')},
         {"none", NoData(), Dat(zero12), zero12},
+        {"none on both sides", NoData(), NoData(), zero12},
         {"empty", Dat(""), Dat(zero12), zero12},
     };
     for (const auto& c : cases) {
