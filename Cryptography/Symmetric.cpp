@@ -1,0 +1,176 @@
+// Encrypt, Decrypt and DataRefDecrypt with any cipher OpenSSL knows by name and
+// a raw key, and BytesToKey.
+#include <openssl/evp.h>
+
+#include <cstring>
+#include <exception>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "Cipher.h"
+#include "Ombrix/Data.h"
+#include "Routine.h"
+
+namespace Cryptography {
+
+namespace {
+
+using Ombrix::AutoRefPtr;
+using Ombrix::Data;
+using Ombrix::IContext;
+using Ombrix::IDataRef;
+
+const unsigned char* Bytes(std::string_view view) { return reinterpret_cast<const unsigned char*>(view.data()); }
+
+void ReportException(IContext* context, const std::exception& e, const char* fallback) {
+    const char* text = e.what();
+    Report(context, kFunctionError, text && *text ? text : fallback);
+}
+
+// The cipher by name; null (with the error reported) when OpenSSL does not know it.
+const EVP_CIPHER* FindCipher(const std::string& name, IContext* context) {
+    const EVP_CIPHER* cipher = EVP_get_cipherbyname(name.c_str());
+    if (!cipher) Report(context, kFunctionError, "Cipher \"" + name + "\" not supported.");
+    return cipher;
+}
+
+AutoRefPtr<Data> EncryptBytes(const std::string& cipherName, std::string_view plaintext, std::string& key,
+                              const IDataRef* iv, IContext* context) {
+    OpenSSL::WipeOnExit wipeKey(key);
+    AutoRefPtr<Data> result = Data::Make();
+    try {
+        const EVP_CIPHER* cipher = FindCipher(cipherName, context);
+        if (!cipher) return result;
+        std::optional<OpenSSL::InitVector> initVector;
+        if (iv && iv->GetSize() != 0) initVector.emplace(iv, cipher);
+
+        std::string output(OpenSSL::EncryptedSize(cipher, plaintext.size()), '\0');
+        auto* out = reinterpret_cast<unsigned char*>(output.data());
+        auto encrypter = OpenSSL::CEncrypter::Create(cipher, key, initVector ? &*initVector : nullptr, out,
+                                                     output.size(), true);
+        if (!plaintext.empty()) encrypter->Update(Bytes(plaintext), plaintext.size());
+        output.resize(encrypter->Final());
+        result->Assign(std::move(output));
+    } catch (const std::exception& e) {
+        ReportException(context, e, "OpenSSL error in function Encrypt detected.");
+    }
+    return result;
+}
+
+// Plaintext bytes of a ciphertext; empty (and no error) for an empty ciphertext.
+std::string DecryptBytes(const std::string& cipherName, const IDataRef* ciphertext, std::string& key,
+                         const IDataRef* iv, IContext* context) {
+    OpenSSL::WipeOnExit wipeKey(key);
+    std::string output;
+    try {
+        if (!ciphertext || ciphertext->GetSize() == 0) return output;
+        const EVP_CIPHER* cipher = FindCipher(cipherName, context);
+        if (!cipher) return output;
+        std::optional<OpenSSL::InitVector> initVector;
+        if (iv && iv->GetSize() != 0) initVector.emplace(iv, cipher);
+
+        const Ombrix::DataBytes input(ciphertext);
+        output.resize(input.size());
+        auto decrypter = OpenSSL::CDecrypter::Create(cipher, key, initVector ? &*initVector : nullptr,
+                                                     reinterpret_cast<unsigned char*>(output.data()),
+                                                     output.size(), true);
+        decrypter->Update(Bytes(input.view()), input.size());
+        output.resize(decrypter->Final());
+        return output;
+    } catch (const std::exception& e) {
+        ReportException(context, e, "OpenSSL error in function Decrypt detected.");
+    }
+    return {};
+}
+
+AutoRefPtr<Data> Encrypt(std::string cipherName, std::string plaintext, std::string key, IContext* context) {
+    return EncryptBytes(cipherName, plaintext, key, nullptr, context);
+}
+
+AutoRefPtr<Data> EncryptInitVec(std::string cipherName, std::string plaintext, std::string key,
+                                AutoRefPtr<IDataRef> iv, IContext* context) {
+    return EncryptBytes(cipherName, plaintext, key, iv.get(), context);
+}
+
+AutoRefPtr<Data> EncryptDataRef(std::string cipherName, AutoRefPtr<IDataRef> plaintext, std::string key,
+                                IContext* context) {
+    const Ombrix::DataBytes input(plaintext);
+    return EncryptBytes(cipherName, input.view(), key, nullptr, context);
+}
+
+AutoRefPtr<Data> EncryptDataRefInitVec(std::string cipherName, AutoRefPtr<IDataRef> plaintext, std::string key,
+                                       AutoRefPtr<IDataRef> iv, IContext* context) {
+    const Ombrix::DataBytes input(plaintext);
+    return EncryptBytes(cipherName, input.view(), key, iv.get(), context);
+}
+
+std::string Decrypt(std::string cipherName, AutoRefPtr<IDataRef> ciphertext, std::string key, IContext* context) {
+    return DecryptBytes(cipherName, ciphertext.get(), key, nullptr, context);
+}
+
+std::string DecryptInitVec(std::string cipherName, AutoRefPtr<IDataRef> ciphertext, std::string key,
+                           AutoRefPtr<IDataRef> iv, IContext* context) {
+    return DecryptBytes(cipherName, ciphertext.get(), key, iv.get(), context);
+}
+
+AutoRefPtr<Data> DataRefDecrypt(std::string cipherName, AutoRefPtr<IDataRef> ciphertext, std::string key,
+                                IContext* context) {
+    return Data::Make(DecryptBytes(cipherName, ciphertext.get(), key, nullptr, context));
+}
+
+AutoRefPtr<Data> DataRefDecryptInitVec(std::string cipherName, AutoRefPtr<IDataRef> ciphertext, std::string key,
+                                       AutoRefPtr<IDataRef> iv, IContext* context) {
+    return Data::Make(DecryptBytes(cipherName, ciphertext.get(), key, iv.get(), context));
+}
+
+// Key then IV, derived with EVP_BytesToKey. Only the first 8 bytes of a salt
+// of at least 8 bytes are used; a shorter salt means no salt.
+AutoRefPtr<Data> BytesToKey(std::string cipherName, std::string digestName, AutoRefPtr<IDataRef> secret,
+                            AutoRefPtr<IDataRef> salt, int32_t count, IContext* context) {
+    AutoRefPtr<Data> result = Data::Make();
+    const EVP_CIPHER* cipher = FindCipher(cipherName, context);
+    if (!cipher) return result;
+    const EVP_MD* digest = EVP_get_digestbyname(digestName.c_str());
+    if (!digest) {
+        Report(context, kFunctionError, "Digest \"" + digestName + "\" not supported.");
+        return result;
+    }
+
+    unsigned char saltBytes[8];
+    const unsigned char* saltUsed = nullptr;
+    if (salt && salt->GetSize() >= sizeof saltBytes &&
+        salt->Read(reinterpret_cast<char*>(saltBytes), sizeof saltBytes, 0) == sizeof saltBytes)
+        saltUsed = saltBytes;
+
+    Ombrix::DataBytes secretBytes(secret);
+    OpenSSL::WipeOnExit wipeSecret(secretBytes.copy());
+
+    OpenSSL::InitVector iv(cipher);
+    const int keyLength = EVP_CIPHER_get_key_length(cipher);
+    std::string output(static_cast<size_t>(keyLength) + iv.size(), '\0');
+    const int derived = EVP_BytesToKey(cipher, digest, saltUsed, Bytes(secretBytes.view()),
+                                       static_cast<int>(secretBytes.size()), count,
+                                       reinterpret_cast<unsigned char*>(output.data()),
+                                       iv.data());
+    if (derived != keyLength) {
+        OPENSSL_cleanse(output.data(), output.size());
+        return result;
+    }
+    if (iv.size()) std::memcpy(output.data() + keyLength, iv.data(), iv.size());
+    result->Assign(std::move(output));
+    return result;
+}
+
+}  // namespace
+}  // namespace Cryptography
+
+CRYPTOGRAPHY_ROUTINE(Encrypt, &Cryptography::Encrypt)
+CRYPTOGRAPHY_ROUTINE(EncryptInitVec, &Cryptography::EncryptInitVec)
+CRYPTOGRAPHY_ROUTINE(EncryptDataRef, &Cryptography::EncryptDataRef)
+CRYPTOGRAPHY_ROUTINE(EncryptDataRefInitVec, &Cryptography::EncryptDataRefInitVec)
+CRYPTOGRAPHY_ROUTINE(Decrypt, &Cryptography::Decrypt)
+CRYPTOGRAPHY_ROUTINE(DecryptInitVec, &Cryptography::DecryptInitVec)
+CRYPTOGRAPHY_ROUTINE(DataRefDecrypt, &Cryptography::DataRefDecrypt)
+CRYPTOGRAPHY_ROUTINE(DataRefDecryptInitVec, &Cryptography::DataRefDecryptInitVec)
+CRYPTOGRAPHY_ROUTINE(BytesToKey, &Cryptography::BytesToKey)
