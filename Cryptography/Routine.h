@@ -3,6 +3,7 @@
 // nothing a routine leaves queued reaches the next one.
 #pragma once
 
+#include <openssl/crypto.h>
 #include <openssl/err.h>
 
 #include "Errors.h"
@@ -12,11 +13,16 @@
 
 namespace Cryptography {
 
+// Argument strings may hold keys and passwords: they are cleansed after every call.
+struct Cleanse {
+    static void Wipe(void* bytes, size_t size) noexcept { OPENSSL_cleanse(bytes, size); }
+};
+
 template <auto Impl>
 uint32_t RunRoutine(uint32_t count, Ombrix::IVariant** arguments, Ombrix::IVariant* result, void* opaque,
                     Ombrix::IContext* context) noexcept {
     ERR_clear_error();
-    const uint32_t status = Ombrix::Invoke<Impl, kModuleName>(count, arguments, result, opaque, context);
+    const uint32_t status = Ombrix::Invoke<Impl, kModuleName, Cleanse>(count, arguments, result, opaque, context);
     ERR_clear_error();
     return status;
 }

@@ -137,6 +137,10 @@ AutoRefPtr<Data> BytesToKey(std::string cipherName, std::string digestName, Auto
         return result;
     }
 
+    // OpenSSL reads the count as unsigned: a negative one would mean billions
+    // of digest rounds. It gives no key, like any other failed derivation.
+    if (count < 0) return result;
+
     unsigned char saltBytes[8];
     const unsigned char* saltUsed = nullptr;
     if (salt && salt->GetSize() >= sizeof saltBytes &&

@@ -2,6 +2,8 @@
 // NUMBER truncation, whole strings, surplus arguments and a null result.
 #include <openssl/evp.h>
 
+#include <cstring>
+
 #include "Context.h"
 #include "Harness.h"
 #include "Ombrix/CustomType.h"
@@ -123,6 +125,37 @@ TEST(Adapter, CustomTypeStatusesAndTheImplementationIsSkipped) {
         EXPECT_EQ(probeCalls, c.status ? 0 : 1);
         EXPECT_TRUE(result->IsAssigned());
         EXPECT_EQ(result->StringValue(), c.result);
+    }
+}
+
+// Records what each wiped buffer held after the wipe.
+std::vector<std::string> wipedBuffers;
+struct RecordingWipe {
+    static void Wipe(void* bytes, size_t size) noexcept {
+        std::memset(bytes, 0, size);
+        wipedBuffers.emplace_back(static_cast<const char*>(bytes), size);
+    }
+};
+
+double TakeSecret(std::string secret, std::string other) { return static_cast<double>(secret.size() + other.size()); }
+
+TEST(Adapter, StringArgumentsAreWipedAfterTheCall) {
+    // A short key stays in the moved-from string's inline buffer; a long one moves away.
+    for (const std::string& key : {std::string("short key"), std::string(100, 'k')}) {
+        SCOPED_TRACE(key.size());
+        wipedBuffers.clear();
+        Args args{Str(key), Str("x")};
+        std::vector<IVariant*> raw{args[0].get(), args[1].get()};
+        AutoRefPtr<Variant> result(new Variant(Ombrix::kTypeNumber));
+        EXPECT_EQ((Ombrix::Invoke<&TakeSecret, kTestNamespace, RecordingWipe>(2, raw.data(), result.get(), nullptr,
+                                                                             nullptr)),
+                  0u);
+        EXPECT_EQ(result->GetNumber(), static_cast<double>(key.size() + 1));
+        ASSERT_EQ(wipedBuffers.size(), 2u);
+        for (const std::string& buffer : wipedBuffers) {
+            EXPECT_GE(buffer.size(), 15u);  // the whole inline buffer at least
+            EXPECT_EQ(buffer.find_first_not_of('\0'), std::string::npos);
+        }
     }
 }
 

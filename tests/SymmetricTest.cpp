@@ -290,6 +290,17 @@ TEST_F(Symmetric, BytesToKeyReadsSecretAndSaltThroughRead) {
     EXPECT_EQ(Hex(ResultBytes(out)), OpenSSLEncKeyAndIv("aes-256-cbc", "sha256", "secret", "0102030405060708"));
 }
 
+TEST_F(Symmetric, BytesToKeyWithANegativeCountGivesNoKey) {
+    // Count 0 runs no extra round (as 1 does); a negative count is refused at once.
+    const CallOutcome zero = CallEntry("ombrix_module_BytesToKey", {Str("aes-128-cbc"), Str("sha256"), Dat("pw"), Dat(""), Num(0)});
+    const CallOutcome one = CallEntry("ombrix_module_BytesToKey", {Str("aes-128-cbc"), Str("sha256"), Dat("pw"), Dat(""), Num(1)});
+    EXPECT_EQ(ResultBytes(zero), ResultBytes(one));
+    const CallOutcome negative =
+        CallEntry("ombrix_module_BytesToKey", {Str("aes-128-cbc"), Str("sha256"), Dat("pw"), Dat(""), Num(-1)});
+    EXPECT_TRUE(negative.ok());
+    EXPECT_EQ(ResultBytes(negative), "");
+}
+
 TEST_F(Symmetric, BytesToKeyRejectsUnknownNames) {
     const struct {
         const char* cipher;

@@ -217,9 +217,40 @@ inline void ReportUncaught(IContext* context, const char* moduleNamespace, const
     }
 }
 
+// Wiping policies for the converted STRING arguments (see ArgumentWiper).
+struct NoWipe {
+    static void Wipe(void*, size_t) noexcept {}
+};
+
+// Wipes the whole buffer of every converted STRING argument when a call ends,
+// so no copy of a key or password outlives it: a string moved into the
+// implementation leaves its short-string bytes behind.
+template <class Wiper, class Tuple>
+class ArgumentWiper {
+public:
+    explicit ArgumentWiper(Tuple& values) noexcept : values_(values) {}
+    ArgumentWiper(const ArgumentWiper&) = delete;
+    ArgumentWiper& operator=(const ArgumentWiper&) = delete;
+    ~ArgumentWiper() {
+        if constexpr (!std::is_same_v<Wiper, NoWipe>) std::apply([](auto&... value) { (WipeOne(value), ...); }, values_);
+    }
+
+private:
+    template <class T>
+    static void WipeOne(T& value) noexcept {
+        if constexpr (std::is_same_v<T, std::string>) {
+            value.resize(value.capacity());  // within capacity: no reallocation
+            Wiper::Wipe(value.data(), value.size());
+        }
+    }
+
+    Tuple& values_;
+};
+
 // Runs one routine call. ModuleNamespace names the source of the safety net's
-// reports for exceptions that an implementation let through.
-template <auto Impl, const char* ModuleNamespace>
+// reports for exceptions that an implementation let through; Wiper wipes the
+// converted STRING arguments afterwards.
+template <auto Impl, const char* ModuleNamespace, class Wiper = NoWipe>
 uint32_t Invoke(uint32_t argumentCount, IVariant** arguments, IVariant* result, void* opaque,
                 IContext* context) noexcept {
     using Sig = Signature<decltype(Impl)>;
@@ -236,6 +267,7 @@ uint32_t Invoke(uint32_t argumentCount, IVariant** arguments, IVariant* result, 
     try {
         ArgumentReader reader{0, -1, context, opaque, arguments, argumentCount};
         Converted values;
+        const ArgumentWiper<Wiper, Converted> wiper(values);
         std::apply([&](auto&... value) { (ReadArgument(reader, value), ...); }, values);
         if (reader.status) {
             assignEmpty();
