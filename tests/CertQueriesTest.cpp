@@ -14,7 +14,7 @@
 namespace Testing {
 namespace {
 
-using CertInspect = CertTest;
+using CertQueries = CertTest;
 
 const char* const kDescribed[] = {"ca.pem", "other_ca.pem", "server.pem", "client.pem", "v1.pem", "noca.pem"};
 
@@ -92,7 +92,7 @@ nlohmann::json DescriptionFromOpenSSL(const std::string& fixture) {
     return expected;
 }
 
-TEST_F(CertInspect, JsonDescriptionMatchesOpenSSLFieldByField) {
+TEST_F(CertQueries, JsonDescriptionMatchesOpenSSLFieldByField) {
     for (const char* name : kDescribed) {
         SCOPED_TRACE(name);
         CallOutcome outcome = Call("Cryptography.PEMToJson", {Str(CertFixture(name))});
@@ -104,7 +104,7 @@ TEST_F(CertInspect, JsonDescriptionMatchesOpenSSLFieldByField) {
     }
 }
 
-TEST_F(CertInspect, JsonDescriptionDetails) {
+TEST_F(CertQueries, JsonDescriptionDetails) {
     const nlohmann::json server = JsonResult(Call("Cryptography.PEMToJson", {Str(CertFixture("server.pem"))}));
     EXPECT_EQ(server["subject"]["organizationalUnitName"], "Second Unit");
     EXPECT_EQ(server["extension"].back(), nlohmann::json({{"name", "1.3.6.1.4.1.55555.1.1"}, {"value", "..hello"}}));
@@ -125,7 +125,7 @@ TEST_F(CertInspect, JsonDescriptionDetails) {
     }
 }
 
-TEST_F(CertInspect, DigestsMatchOpenSSLFingerprints) {
+TEST_F(CertQueries, DigestsMatchOpenSSLFingerprints) {
     const std::pair<const char*, const char*> digests[] = {
         {"SHA256", "-sha256"}, {"sha1", "-sha1"}, {"md5", "-md5"}, {"SHA512", "-sha512"}, {"SHA3-256", "-sha3-256"}};
     for (const auto& [name, option] : digests) {
@@ -176,7 +176,7 @@ std::string CertWithTimes(int type, const std::string& text) {
     return std::string(pem, static_cast<size_t>(size));
 }
 
-TEST_F(CertInspect, ValidityTimesAsSecondsSince1970) {
+TEST_F(CertQueries, ValidityTimesAsSecondsSince1970) {
     struct Case {
         int type;
         const char* text;
@@ -218,7 +218,7 @@ std::vector<std::string> Strings(const CallOutcome& outcome) {
     return strings;
 }
 
-TEST_F(CertInspect, PurposesFollowKeyUsageAndBasicConstraints) {
+TEST_F(CertQueries, PurposesFollowKeyUsageAndBasicConstraints) {
     const std::pair<const char*, std::vector<std::string>> cases[] = {
         {"server.pem", {"Server"}},
         {"client.pem", {"Client"}},
@@ -236,7 +236,7 @@ TEST_F(CertInspect, PurposesFollowKeyUsageAndBasicConstraints) {
     }
 }
 
-TEST_F(CertInspect, HasIssuedNeedsNameKeyCaAndSignature) {
+TEST_F(CertQueries, HasIssuedNeedsNameKeyCaAndSignature) {
     struct Case {
         const char* issuer;
         const char* subject;
@@ -257,7 +257,7 @@ TEST_F(CertInspect, HasIssuedNeedsNameKeyCaAndSignature) {
     }
 }
 
-TEST_F(CertInspect, ValidateKeyMatchesThePublicKey) {
+TEST_F(CertQueries, ValidateKeyMatchesThePublicKey) {
     struct Case {
         const char* cert;
         const char* key;
@@ -275,7 +275,7 @@ TEST_F(CertInspect, ValidateKeyMatchesThePublicKey) {
     }
 }
 
-TEST_F(CertInspect, PublicKeyFromCertIsTheCertifiedKey) {
+TEST_F(CertQueries, PublicKeyFromCertIsTheCertifiedKey) {
     for (const char* name : {"server.pem", "client.pem", "v1.pem"}) {
         SCOPED_TRACE(name);
         CallOutcome outcome = Call("Cryptography.GetPublicKeyFromCert", {CertFile(name)});
