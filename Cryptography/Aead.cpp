@@ -11,6 +11,7 @@
 #include <string>
 #include <string_view>
 
+#include "Algorithms.h"
 #include "Cipher.h"
 #include "Codec.h"
 #include "Ombrix/Data.h"
@@ -38,12 +39,6 @@ bool FitsInt(size_t length) { return length <= static_cast<size_t>(INT_MAX); }
 
 size_t KeyLength(const EVP_CIPHER* cipher) {
     return static_cast<size_t>(std::max(EVP_CIPHER_get_key_length(cipher), 0));
-}
-
-const EVP_CIPHER* FindCipher(const std::string& name, IContext* context) {
-    const EVP_CIPHER* cipher = EVP_get_cipherbyname(name.c_str());
-    if (!cipher) Report(context, kFunctionError, "Cipher \"" + name + "\" not supported.");
-    return cipher;
 }
 
 // The cipher when OpenSSL knows the name and the name ends in "gcm" (any case);

@@ -7,6 +7,7 @@
 #include <climits>
 #include <ctime>
 
+#include "Algorithms.h"
 #include "Codec.h"
 #include "HostImports.h"
 #include "Key.h"
@@ -181,11 +182,8 @@ std::string GetDigestFromCert(std::string digestName, CertRef cert, IContext* co
         Report(context, kFunctionError, "Parameter cert not valid");
         return {};
     }
-    const EVP_MD* digest = EVP_get_digestbyname(digestName.c_str());
-    if (!digest) {
-        Report(context, kFunctionError, "Digest \"" + digestName + "\" not supported.");
-        return {};
-    }
+    const EVP_MD* digest = FindDigest(digestName, context, '.');
+    if (!digest) return {};
     unsigned char bytes[EVP_MAX_MD_SIZE];
     unsigned int length = 0;
     if (!cert->Get() || X509_digest(cert->Get(), digest, bytes, &length) != 1) {

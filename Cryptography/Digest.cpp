@@ -10,6 +10,7 @@
 #include <stdexcept>
 #include <string>
 
+#include "Algorithms.h"
 #include "Ombrix/Data.h"
 #include "Routine.h"
 
@@ -63,12 +64,6 @@ constexpr uint64_t kDataChunk = 100000;
 // Files are read in chunks of this size.
 constexpr size_t kFileChunk = 8192;
 
-const EVP_MD* FindDigest(const std::string& name, IContext* context) {
-    const EVP_MD* md = EVP_get_digestbyname(name.c_str());
-    if (!md) Report(context, kFunctionError, "Digest \"" + name + "\" not supported!");
-    return md;
-}
-
 void AssignDigest(OpenSSL::CHash& hash, Data& result) {
     const unsigned char* digest = nullptr;
     uint32_t length = 0;
@@ -81,7 +76,7 @@ template <class Body>
 AutoRefPtr<Data> Digest(const std::string& digestName, IContext* context, const char* fallback, Body&& body) {
     AutoRefPtr<Data> result = Data::Make();
     try {
-        const EVP_MD* md = FindDigest(digestName, context);
+        const EVP_MD* md = FindDigest(digestName, context, '!');
         if (!md) return result;
         body(md, *result);
     } catch (const std::exception& e) {

@@ -6,6 +6,7 @@
 
 #include <string>
 
+#include "Algorithms.h"
 #include "Ombrix/Data.h"
 #include "Routine.h"
 
@@ -31,12 +32,6 @@ private:
     std::string& secret_;
 };
 
-const EVP_MD* FindDigest(const std::string& name, IContext* context) {
-    const EVP_MD* md = EVP_get_digestbyname(name.c_str());
-    if (!md) Report(context, kFunctionError, "Digest \"" + name + "\" not supported!");
-    return md;
-}
-
 AutoRefPtr<Data> CreateHMAC(const std::string& digestName, const std::string& key, const char* data, size_t length,
                             IContext* context) {
     AutoRefPtr<Data> result = Data::Make();
@@ -44,7 +39,7 @@ AutoRefPtr<Data> CreateHMAC(const std::string& digestName, const std::string& ke
         Report(context, kFunctionError, "Key is empty");
         return result;
     }
-    const EVP_MD* md = FindDigest(digestName, context);
+    const EVP_MD* md = FindDigest(digestName, context, '!');
     if (!md) return result;
     unsigned char out[EVP_MAX_MD_SIZE];
     unsigned int outLength = 0;
@@ -74,7 +69,7 @@ AutoRefPtr<Data> CreatePKCS5_PBKDF2_HMAC(AutoRefPtr<IDataRef> password, AutoRefP
                                          std::string digestName, int32_t keyLength, IContext* context) {
     AutoRefPtr<Data> result = Data::Make();
     DataBytes saltBytes(salt);
-    const EVP_MD* md = FindDigest(digestName, context);
+    const EVP_MD* md = FindDigest(digestName, context, '!');
     if (!md || keyLength <= 0) return result;
 
     DataBytes passwordBytes(password);

@@ -7,6 +7,7 @@
 #include <string>
 #include <string_view>
 
+#include "Algorithms.h"
 #include "Key.h"
 #include "KeySupport.h"
 #include "Ombrix/Data.h"
@@ -51,11 +52,8 @@ AutoRefPtr<Data> SignWithKey(const Key* key, const std::string& digestName, ICon
         return result;
     }
     const OpenSSL::MdContextPtr ctx(EVP_MD_CTX_new());
-    const EVP_MD* md = EVP_get_digestbyname(digestName.c_str());
-    if (!md) {
-        Report(context, kFunctionError, "Digest \"" + digestName + "\" not supported!");
-        return result;
-    }
+    const EVP_MD* md = FindDigest(digestName, context, '!');
+    if (!md) return result;
     std::string signature;
     size_t length = 0;
     bool ok = ctx && EVP_DigestSignInit(ctx.get(), nullptr, md, nullptr, key->PKey()) == 1 && feed(ctx.get()) &&
@@ -141,11 +139,8 @@ AutoRefPtr<Data> SignDataWithKey(AutoRefPtr<IDataRef> message, AutoRefPtr<Key> k
 // initialisation, key, update, final check. A mismatch is reported too.
 bool VerifyWithKey(std::string_view message, const Key* key, const std::string& digestName,
                    const IDataRef* signature, IContext* context) {
-    const EVP_MD* md = EVP_get_digestbyname(digestName.c_str());
-    if (!md) {
-        Report(context, kFunctionError, "Digest \"" + digestName + "\" not supported.");
-        return false;
-    }
+    const EVP_MD* md = FindDigest(digestName, context, '.');
+    if (!md) return false;
     if (!SizeInRange(signature, kMaxSignatureBytes)) {
         Report(context, kFunctionError, "Signature size out of range");
         return false;

@@ -8,6 +8,7 @@
 #include <string>
 #include <string_view>
 
+#include "Algorithms.h"
 #include "Cipher.h"
 #include "Ombrix/Data.h"
 #include "Routine.h"
@@ -26,13 +27,6 @@ const unsigned char* Bytes(std::string_view view) { return reinterpret_cast<cons
 void ReportException(IContext* context, const std::exception& e, const char* fallback) {
     const char* text = e.what();
     Report(context, kFunctionError, text && *text ? text : fallback);
-}
-
-// The cipher by name; null (with the error reported) when OpenSSL does not know it.
-const EVP_CIPHER* FindCipher(const std::string& name, IContext* context) {
-    const EVP_CIPHER* cipher = EVP_get_cipherbyname(name.c_str());
-    if (!cipher) Report(context, kFunctionError, "Cipher \"" + name + "\" not supported.");
-    return cipher;
 }
 
 AutoRefPtr<Data> EncryptBytes(const std::string& cipherName, std::string_view plaintext, std::string& key,
@@ -131,11 +125,8 @@ AutoRefPtr<Data> BytesToKey(std::string cipherName, std::string digestName, Auto
     AutoRefPtr<Data> result = Data::Make();
     const EVP_CIPHER* cipher = FindCipher(cipherName, context);
     if (!cipher) return result;
-    const EVP_MD* digest = EVP_get_digestbyname(digestName.c_str());
-    if (!digest) {
-        Report(context, kFunctionError, "Digest \"" + digestName + "\" not supported.");
-        return result;
-    }
+    const EVP_MD* digest = FindDigest(digestName, context, '.');
+    if (!digest) return result;
 
     // OpenSSL reads the count as unsigned: a negative one would mean billions
     // of digest rounds. It gives no key, like any other failed derivation.
