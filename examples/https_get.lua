@@ -4,11 +4,18 @@
 --   ombrix examples/https_get.lua HOST [PATH] [PORT] [CAFILE]
 --
 -- The server's certificate is verified against OpenSSL's default CA locations,
--- or against CAFILE when given, and must match HOST.
+-- or against CAFILE when given, and must match HOST. The response's header
+-- goes to standard error, its body to standard output.
+-- examples/make_ca.lua shows how to run it against a local test server.
 local host, path, port, caFile = arg[1], arg[2] or "/", tonumber(arg[3]) or 443, arg[4]
 if not host then
   io.stderr:write("usage: ombrix examples/https_get.lua HOST [PATH] [PORT] [CAFILE]\n")
   os.exit(2)
+end
+
+local function fail(message)
+  io.stderr:write("https_get: ", message, "\n")
+  os.exit(1)
 end
 
 local configuration = JSON.FromString("{}")
@@ -16,13 +23,14 @@ JSON.Set(configuration, "Host", host)
 if caFile then JSON.Set(configuration, "CAFile", caFile) end
 local session = Cryptography.CreateSSL(configuration)
 if Cryptography.State(session) < 0 then
-  error("TLS configuration: " .. Cryptography.Error(session))
+  fail("TLS configuration: " .. Cryptography.Error(session))
 end
 
-local socket = Net.Connect(host, port)   -- a blocking socket
+local connected, socket = pcall(Net.Connect, host, port)   -- a blocking socket
+if not connected then fail(("cannot connect to %s:%d: %s"):format(host, port, tostring(socket))) end
 if not Cryptography.Connect(session, socket) then
   Net.Close(socket)
-  error("TLS handshake: " .. Cryptography.Error(session))
+  fail("TLS handshake: " .. Cryptography.Error(session))
 end
 
 local request = table.concat({
@@ -38,7 +46,7 @@ while offset <= #request do
   local written = Cryptography.Write(session, rest, #rest)
   if written <= 0 then
     Net.Close(socket)
-    error("write: " .. Cryptography.Error(session))
+    fail("write: " .. Cryptography.Error(session))
   end
   offset = offset + written
 end
@@ -56,7 +64,7 @@ while true do
     -- Many servers just drop the connection after "Connection: close".
     if #chunks == 0 then
       Net.Close(socket)
-      error("read: " .. message)
+      fail("read: " .. message)
     end
     break
   end

@@ -1,9 +1,16 @@
+#!/usr/bin/env ombrix
 -- Builds a self-signed certificate authority and a server certificate it
--- signs, then prints both as JSON descriptions.
+-- signs, and describes both. With a directory, also writes them there as
+-- ca.pem, server.pem and server-key.pem, ready for a test server:
 --
---   ombrix examples/make_ca.lua [server name]
+--   ombrix examples/make_ca.lua [SERVER-NAME [DIRECTORY]]
+--
+--   ombrix examples/make_ca.lua localhost /tmp/pki
+--   openssl s_server -accept 4433 -cert /tmp/pki/server.pem -key /tmp/pki/server-key.pem -www &
+--   ombrix examples/https_get.lua localhost / 4433 /tmp/pki/ca.pem
 local X = Cryptography
-local serverName = (...) or "localhost"
+local serverName, directory = ...
+serverName = serverName or "localhost"
 
 local DAY = 86400
 
@@ -39,5 +46,35 @@ X.Sign(server, caKey)                -- issued by the CA
 assert(X.HasIssued(ca, server), "the CA should have issued the server certificate")
 assert(X.ValidateKey(server, serverKey), "the server key should match its certificate")
 
-print(tostring(X.PEMToJson(X.ToPEM(ca))))
-print(tostring(X.PEMToJson(X.ToPEM(server))))
+-- PEMToJson describes a certificate as JSON; this prints its members one a
+-- line, and the extensions one a line below them.
+local function describe(title, cert)
+  local text = tostring(X.PEMToJson(X.ToPEM(cert)))
+  local function member(name) return text:match('"' .. name .. '":(%b{})') or text:match('"' .. name .. '":"([^"]*)"') end
+  print(title)
+  for _, name in ipairs({ "subject", "issuer", "serial", "notBefore", "notAfter", "signatureAlgorithm" }) do
+    print(("  %-20s %s"):format(name, member(name)))
+  end
+  for name, value in (text:match('"extension":(%b[])') or ""):gmatch('"name":"([^"]*)","value":"([^"]*)"') do
+    print(("  %-20s %s: %s"):format("extension", name, value))
+  end
+  print(("  %-20s %s"):format("SHA-256", X.GetDigestFromCert("SHA256", cert)))
+end
+
+describe("Certificate authority", ca)
+describe("Server certificate for " .. serverName, server)
+
+if directory then
+  local files = {
+    { "ca.pem", X.ToPEM(ca) },
+    { "server.pem", X.ToPEM(server) },
+    { "server-key.pem", X.ToPEM(serverKey) },   -- the private key: keep it private
+  }
+  for _, entry in ipairs(files) do
+    local path = directory .. "/" .. entry[1]
+    local file = assert(io.open(path, "w"))
+    file:write(entry[2])
+    file:close()
+    print("wrote " .. path)
+  end
+end

@@ -67,6 +67,10 @@ local order = {}
 for _, name in ipairs(sections) do order[#order + 1] = name end
 for _, name in ipairs(discovered()) do order[#order + 1] = name end
 
+print("A guided tour of the Cryptography module, one section per area.")
+print("Each line shows a call or a property on the left and what came back on")
+print("the right. Each section also runs alone: ombrix examples/tour/NN-name.lua")
+
 local ran, failed = 0, {}
 for _, name in ipairs(order) do
   local path = tour.dir .. name

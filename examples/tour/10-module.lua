@@ -19,8 +19,9 @@ end
 
 heading("Namespaces (global tables) and their routines")
 for _, space in ipairs(Ombrix.namespaces()) do
-  show(space, table.concat(Ombrix.routines(space), " ", 1, math.min(6, #Ombrix.routines(space)))
-       .. (#Ombrix.routines(space) > 6 and (" ... (" .. #Ombrix.routines(space) .. " names)") or ""))
+  local names = Ombrix.routines(space)
+  show(space, table.concat(names, " ", 1, math.min(5, #names))
+       .. (#names > 5 and (" ... (" .. #names .. " names)") or ""))
 end
 print("  One name may have overloads; the types of the arguments choose one:")
 for _, text in ipairs(Ombrix.declarations("Cryptography.Hash")) do print("    " .. text) end

@@ -1,36 +1,37 @@
--- Digests, MACs, key derivation, random tokens and the Lookup3 string hash.
-print("== Digests and MACs ==")
+-- Digests, HMAC and PBKDF2, over text, byte buffers and files, and the
+-- Lookup3 string hash.
+local show = tour and tour.show or function(label, value) print(string.format("  %-38s %s", label, tostring(value))) end
+local heading = tour and tour.heading or function(text) print("\n-- " .. text) end
 
+heading("Hash: any digest OpenSSL knows, by name")
 -- A digest comes back as a byte buffer; :hex() shows it.
-print("SHA256(abc)       ", Cryptography.Hash("SHA256", "abc"):hex())
-print("SHA512(abc) bytes ", #Cryptography.Hash("SHA512", "abc"))
-print("SHA3-256 of bytes ", Cryptography.Hash("SHA3-256", Data.fromhex("00ff00ff")):hex())
+show('Hash("SHA256", "abc")', Cryptography.Hash("SHA256", "abc"):hex())
+show('#Hash("SHA512", "abc") (bytes)', #Cryptography.Hash("SHA512", "abc"))
+show("SHA3-256 of the bytes 00ff00ff", Cryptography.Hash("SHA3-256", Data.fromhex("00ff00ff")):hex())
+local _, err = pcall(Cryptography.Hash, "NoSuchDigest", "abc")
+show("an unknown digest", err)
 
--- Files are hashed in chunks; a buffer read on demand works the same way.
+heading("Files are hashed in chunks")
 local path = os.tmpname()
-local f = assert(io.open(path, "wb"))
-f:write(string.rep("Ombrix ", 5000))
-f:close()
-print("HashFile          ", Cryptography.HashFile("SHA256", path):hex())
-print("Hash(Data.file)   ", Cryptography.Hash("SHA256", Data.file(path)):hex())
+local file = assert(io.open(path, "wb"))
+file:write(string.rep("Ombrix ", 5000))
+file:close()
+-- HashFile reads the file itself; a Data.file buffer is read by the host on
+-- demand. Both stream, and both give the same digest.
+local ok, byModule, byBuffer = pcall(function()
+  return Cryptography.HashFile("SHA256", path), Cryptography.Hash("SHA256", Data.file(path))
+end)
 os.remove(path)
+if not ok then error(byModule, 0) end
+show("HashFile (35000 bytes)", byModule:hex())
+show("Hash(Data.file(...))", byBuffer:hex())
 
--- Errors arrive as Lua errors carrying the id and message.
-local ok, err = pcall(Cryptography.Hash, "NoSuchDigest", "abc")
-print("unknown digest    ", ok, tostring(err))
+heading("Message authentication and key derivation")
+show("HMAC-SHA256 (RFC 4231 case 2)", Cryptography.HMAC("SHA256", "Jefe", "what do ya want for nothing?"):hex())
+show("PBKDF2-SHA1, 4096 rounds (RFC 6070)",
+     Cryptography.PKCS5PBKDF2HMAC(Data("password"), Data("salt"), 4096, "SHA1", 20):hex())
 
-print("HMAC-SHA256       ", Cryptography.HMAC("SHA256", "Jefe", "what do ya want for nothing?"):hex())
-print("PBKDF2-SHA1       ",
-      Cryptography.PKCS5PBKDF2HMAC(Data("password"), Data("salt"), 4096, "SHA1", 20):hex())
-
-print("== Random values ==")
-print("16 random bytes   ", Cryptography.CreateRandomBytes(16):hex())
--- The count is the number of hex characters, not of bytes.
-print("12 hex characters ", Cryptography.CreateRandomBytesAsString(12))
-print("Base64 of 9 bytes ", Cryptography.CreateRandomBytesAsBase64String(9))
-print("Base64URL token   ", Cryptography.CreateRandomBytesAsBase64URLString(32))
-print("UUID              ", Cryptography.CreateRandomUUID())
-
-print("== Lookup3 ==")
-print("Lookup3(Hello)    ", Cryptography.Lookup3Hash("Hello"))
-print("Lookup3(hELLO)    ", Cryptography.Lookup3Hash("hELLO"), "(letter case does not matter)")
+heading("Lookup3: a fast non-cryptographic hash of a name")
+show('Lookup3Hash("Hello")', Cryptography.Lookup3Hash("Hello"))
+show('Lookup3Hash("hELLO")', Cryptography.Lookup3Hash("hELLO"))
+print("  Letter case does not change the value: names compare without it.")

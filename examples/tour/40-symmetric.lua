@@ -40,9 +40,10 @@ show("other AAD", err)
 
 heading("BytesToKey: key and IV from a password (as openssl enc does)")
 local derived = Cryptography.BytesToKey("AES-256-CBC", "SHA256", Data("secret"), Data.fromhex("0102030405060708"), 1)
-show("48 bytes: key then IV", derived:hex())
 local derivedKey = derived:bytes():sub(1, 32)
 local derivedIv = Data(derived:bytes():sub(33))
+show("48 bytes: a 32-byte key ...", Data(derivedKey):hex())
+show("  ... then a 16-byte IV", derivedIv:hex())
 local protected = Cryptography.Encrypt("AES-256-CBC", "derived", derivedKey, derivedIv)
 show("used for Encrypt/Decrypt", Cryptography.Decrypt("AES-256-CBC", protected, derivedKey, derivedIv))
 show("AES-128-ECB with MD5 (no IV part)",
