@@ -2,102 +2,128 @@
 // a libssl server thread, raw sockets, and the fixtures of tests/data/tls.
 #pragma once
 
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <openssl/err.h>
 #include <openssl/ssl.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
-#include <atomic>
 #include <functional>
 #include <map>
+#include <memory>
 #include <mutex>
+#include <stdexcept>
 #include <string>
 #include <thread>
+#include <utility>
 
 namespace Testing {
 
-// A fixture file of tests/data/tls.
-std::string TlsFile(const std::string& name);
+inline std::string TlsFile(const std::string& name) { return std::string(TEST_DATA_DIR) + "/tls/" + name; }
 
 // Owns a descriptor; closes it on destruction.
-class Socket {
-public:
-    Socket() = default;
-    explicit Socket(int fd) : fd_(fd) {}
-    Socket(Socket&& other) noexcept : fd_(other.Release()) {}
-    Socket& operator=(Socket&& other) noexcept;
-    ~Socket() { Close(); }
-
-    int fd() const { return fd_; }
-    int Release() { const int fd = fd_; fd_ = -1; return fd; }
-    void Close();
-
-private:
-    int fd_ = -1;
+struct Socket {
+    int fd = -1;
+    explicit Socket(int f = -1) : fd(f) {}
+    Socket(Socket&& other) noexcept : fd(std::exchange(other.fd, -1)) {}
+    Socket& operator=(Socket&& other) noexcept { std::swap(fd, other.fd); return *this; }
+    ~Socket() { if (fd >= 0) ::close(fd); }
 };
 
-// A TCP connection to 127.0.0.1:port (blocking unless asked otherwise).
-Socket ConnectTcp(int port, bool nonBlocking = false);
-// A socket listening on 127.0.0.1 on a free port that never accepts.
-Socket ListenTcp(int* port, int port0 = 0);
-// A port on 127.0.0.1 with nothing listening.
-int ClosedPort();
-void SetNonBlocking(int fd, bool nonBlocking);
-// Waits until fd is readable (events POLLIN) or writable (POLLOUT); false on timeout.
-bool WaitFor(int fd, short events, int milliseconds = 5000);
+inline sockaddr_in Loopback(int port) { return {AF_INET, htons(static_cast<uint16_t>(port)), {htonl(INADDR_LOOPBACK)}, {}}; }
+
+inline Socket ConnectTcp(int port) {
+    Socket socket(::socket(AF_INET, SOCK_STREAM, 0));
+    const sockaddr_in address = Loopback(port);
+    EXPECT_EQ(::connect(socket.fd, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+    return socket;
+}
+
+// Listens on a free port of 127.0.0.1, stored in *port, and never accepts; fd -1 on failure.
+inline Socket ListenTcp(int* port) {
+    Socket socket(::socket(AF_INET, SOCK_STREAM, 0));
+    sockaddr_in address = Loopback(0);
+    socklen_t length = sizeof address;
+    auto* raw = reinterpret_cast<sockaddr*>(&address);
+    if (::bind(socket.fd, raw, length) != 0 || ::listen(socket.fd, 8) != 0) return Socket();
+    getsockname(socket.fd, raw, &length);
+    *port = ntohs(address.sin_port);
+    return socket;
+}
 
 struct ServerOptions {
-    std::string cert = TlsFile("server.pem");
-    std::string key = TlsFile("server.key");
-    // Server name -> certificate base name ("alpha" serves alpha.pem/alpha.key).
-    std::map<std::string, std::string> byServerName;
-    // When set, a client certificate issued by this CA is required.
-    std::string clientCA;
-    // Receive buffer of accepted connections (0: the system's).
-    int receiveBuffer = 0;
-    // Listen on this port (0: any free one).
-    int port = 0;
-    // Runs on the server thread after accepting, before the handshake.
-    std::function<void()> beforeHandshake;
+    std::string cert = "server";                      // base name: server.pem and server.key
+    std::map<std::string, std::string> byServerName;  // server name -> certificate base name
+    std::string clientCA;                             // when set, a client certificate is required
+    int receiveBuffer = 0;                            // of accepted connections (0: the system's)
+    std::function<void()> beforeHandshake;            // runs on the server thread after accept
 };
 
-// Serves TLS on 127.0.0.1, one connection at a time. Each accepted and
-// handshaken connection is handed to the session function on the server
-// thread; the connection is closed when it returns. Destruction stops the
-// thread and closes every socket.
+// Serves TLS one connection at a time, handing each handshaken connection to
+// the session function on the server thread. Destruction stops the thread and
+// closes every socket.
 class TlsServer {
 public:
-    using Session = std::function<void(SSL* ssl, int fd)>;
+    TlsServer(ServerOptions options, std::function<void(SSL* ssl, int fd)> session) : options_(std::move(options)), session_(std::move(session)) {
+        if (SSL_CTX_use_certificate_chain_file(context_.get(), TlsFile(options_.cert + ".pem").c_str()) != 1 ||
+            SSL_CTX_use_PrivateKey_file(context_.get(), TlsFile(options_.cert + ".key").c_str(), SSL_FILETYPE_PEM) != 1)
+            throw std::runtime_error("test server cannot load " + options_.cert);
+        SSL_CTX_set_tlsext_servername_callback(context_.get(), &TlsServer::SelectByName);
+        SSL_CTX_set_tlsext_servername_arg(context_.get(), this);
+        if (!options_.clientCA.empty()) {
+            SSL_CTX_load_verify_locations(context_.get(), options_.clientCA.c_str(), nullptr);
+            SSL_CTX_set_verify(context_.get(), SSL_VERIFY_PEER | SSL_VERIFY_FAIL_IF_NO_PEER_CERT, nullptr);
+        }
+        listener_ = ListenTcp(&port_);
+        if (listener_.fd < 0) throw std::runtime_error("test server cannot listen");
+        if (options_.receiveBuffer > 0)
+            setsockopt(listener_.fd, SOL_SOCKET, SO_RCVBUF, &options_.receiveBuffer, sizeof options_.receiveBuffer);
+        thread_ = std::thread([this] {
+            for (int fd; (fd = ::accept(listener_.fd, nullptr, nullptr)) >= 0;) {
+                Socket connection(fd);
+                // No session may hang the test: a read gives up after a while (writes are small).
+                const timeval limit{10, 0};
+                setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
+                if (options_.beforeHandshake) options_.beforeHandshake();
+                std::unique_ptr<SSL, decltype(&SSL_free)> ssl(SSL_new(context_.get()), &SSL_free);
+                SSL_set_fd(ssl.get(), fd);
+                if (SSL_accept(ssl.get()) == 1) session_(ssl.get(), fd);
+                ERR_clear_error();
+            }
+        });
+    }
+    ~TlsServer() {
+        ::shutdown(listener_.fd, SHUT_RDWR);  // makes the pending accept fail
+        if (thread_.joinable()) thread_.join();
+    }
 
-    TlsServer(ServerOptions options, Session session);
-    ~TlsServer();
-    TlsServer(const TlsServer&) = delete;
-    TlsServer& operator=(const TlsServer&) = delete;
-
-    // False when the listening socket could not be set up (for example a port in use).
-    bool ok() const { return listener_.fd() >= 0; }
     int port() const { return port_; }
-    // The server name the last client sent ("" when none).
-    std::string LastServerName() const;
-    int Handshakes() const { return handshakes_.load(); }
+    std::string LastServerName() const { std::lock_guard lock(mutex_); return lastServerName_; }
 
 private:
-    void Run();
-    static int SelectByName(SSL* ssl, int* alert, void* self);
+    static int SelectByName(SSL* ssl, int*, void* self) {
+        auto* server = static_cast<TlsServer*>(self);
+        const char* name = SSL_get_servername(ssl, TLSEXT_NAMETYPE_host_name);
+        std::lock_guard lock(server->mutex_);
+        server->lastServerName_ = name ? name : "";
+        if (auto it = server->options_.byServerName.find(server->lastServerName_); it != server->options_.byServerName.end()) {
+            SSL_use_certificate_chain_file(ssl, TlsFile(it->second + ".pem").c_str());
+            SSL_use_PrivateKey_file(ssl, TlsFile(it->second + ".key").c_str(), SSL_FILETYPE_PEM);
+        }
+        return SSL_TLSEXT_ERR_OK;
+    }
 
     ServerOptions options_;
-    Session session_;
-    SSL_CTX* context_ = nullptr;
-    std::map<std::string, SSL_CTX*> named_;
+    std::function<void(SSL* ssl, int fd)> session_;
+    std::unique_ptr<SSL_CTX, decltype(&SSL_CTX_free)> context_{SSL_CTX_new(TLS_server_method()), &SSL_CTX_free};
     Socket listener_;
-    Socket stopRead_;
-    Socket stopWrite_;
     int port_ = 0;
-    std::atomic<int> handshakes_{0};
     mutable std::mutex mutex_;
     std::string lastServerName_;
     std::thread thread_;
 };
-
-// Session helpers for the server side.
-// Reads until the peer closes; returns everything read.
-std::string ReadAll(SSL* ssl);
 
 }  // namespace Testing

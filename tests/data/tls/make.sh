@@ -26,12 +26,9 @@ issue server "/CN=localhost" "subjectAltName=DNS:localhost,IP:127.0.0.1"
 issue client "/CN=Ombrix Test Client" "extendedKeyUsage=clientAuth"
 
 # Self-signed certificates served by name (server name indication).
-for name in self alpha beta; do
+for name in self alpha; do
   ec $name.key
   openssl req -x509 -new -key $name.key -out $name.pem -days $days -subj "/CN=$name.test"
 done
 
-# Keys that belong to no certificate: one of the same type, one of another.
-ec stray-ec.key
-openssl genpkey -algorithm RSA -pkeyopt rsa_keygen_bits:2048 -out stray-rsa.key
 rm -f ca.srl

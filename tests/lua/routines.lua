@@ -1,0 +1,30 @@
+-- Module routines through ombrix: overloads chosen by argument type (STRING,
+-- DATAREF, file-backed DATAREF), VECTOR results as Lua arrays, and a module
+-- value through its saved form. Usage: routines.lua DATA_DIR
+local check = dofile(arg[0]:match("^(.*/)") .. "lib/check.lua")
+check.needs("Cryptography.Hash", "Cryptography.EncryptAEADCHACHA20POLY1305", "Cryptography.DecryptAEADCHACHA20POLY1305",
+            "Cryptography.X509VectorFromPEM", "Cryptography.GetPurpose")
+local dataDir = assert(arg[1], "usage: routines.lua DATA_DIR")
+local function read(path) local f = assert(io.open(path, "rb")) local text = f:read("a") f:close() return text end
+
+local path, abc = dataDir .. "/module_definition.txt", "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad"
+for _, case in ipairs({{"abc", abc}, {Data("abc"), abc}, {Data.file(path), Cryptography.Hash("SHA256", read(path)):hex()}}) do
+  local digest = Cryptography.Hash("SHA256", case[1])
+  check.equal(tostring(digest) .. " " .. digest:hex(), "Data(32 bytes) " .. case[2], "Hash of " .. tostring(case[1]))
+end
+
+local key, nonce = string.rep("k", 32), Data(string.rep("\0", 12))
+local sealed = Cryptography.EncryptAEADCHACHA20POLY1305("payload", key, nonce, "header")
+check.equal(#sealed, 2, "elements")
+check.equal(tostring(sealed[2]), "Data(16 bytes)", "a Data element")
+check.equal(Cryptography.DecryptAEADCHACHA20POLY1305(sealed[1], sealed[2], key, nonce, "header"), "payload", "round trip")
+local pem = read(dataDir .. "/tls/ca.pem")
+local chain = Cryptography.X509VectorFromPEM(pem .. pem)
+check.equal(#chain, 2, "certificates")
+check.equal(tostring(chain[2]), "Cryptography.X509", "a module value element")
+check.equal(Cryptography.GetPurpose(chain[1])[1], "CA", "a string element")
+check.equal(#Cryptography.GetPurpose(Ombrix.new("Cryptography.X509")), 0, "an empty vector")
+
+local saved = Ombrix.serialize(chain[1])
+check.equal(Ombrix.serialize(Ombrix.deserialize("Cryptography.X509", saved)), saved, "saved form round trip")
+print("routines: ok")
