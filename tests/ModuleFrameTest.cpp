@@ -8,13 +8,11 @@ TEST(ModuleFrame, DataExportsAndDefinitionAreExact) {
     Engine engine;
     const auto& module = engine.Load(CRYPTOGRAPHY_MODULE_PATH);
     const std::map<std::string, std::string> expected = {
-        {"GetOmbrixModuleName", "Cryptography"}, {"GetModuleVersion", "1.23.7.0"},
-        {"GetOmbrixSDKVersion", "1.17.10.0"}, {"GetModuleOmbrixVersion", "1.17.10.0-9999"},
-        {"GetSDKDependency", "[1.14.4.0-]"}, {"GetDownwardsCompatibility", "1.14.1"},
-        {"GetModuleDependencies", "JSON 1.9.0"}, {"GetModuleDependenciesOptional", ""},
-        {"GetModuleDependenciesLoadBefore", ""}, {"GetAlternativeFunctionDependencies", ""},
-        {"GetAlternativeProcedureDependencies", ""}, {"GetOptionalFunctionDependencies", ""},
-        {"GetOptionalProcedureDependencies", ""}, {"GetState", "stable"},
+        {"GetOmbrixModuleName", "Cryptography"}, {"GetModuleVersion", "1.23.7.0"}, {"GetOmbrixSDKVersion", "1.17.10.0"},
+        {"GetModuleOmbrixVersion", "1.17.10.0-9999"}, {"GetSDKDependency", "[1.14.4.0-]"}, {"GetState", "stable"},
+        {"GetDownwardsCompatibility", "1.14.1"}, {"GetModuleDependencies", "JSON 1.9.0"}, {"GetModuleDependenciesOptional", ""},
+        {"GetModuleDependenciesLoadBefore", ""}, {"GetAlternativeFunctionDependencies", ""}, {"GetOptionalFunctionDependencies", ""},
+        {"GetAlternativeProcedureDependencies", ""}, {"GetOptionalProcedureDependencies", ""},
         {"GetSupportedPlatforms", "linux,mac,windows"}};
     for (const auto& [name, value] : expected) EXPECT_EQ(module.exports.count(name) ? module.exports.at(name) : "(missing)", value) << name;
     EXPECT_EQ(module.definition, ReadFile(DataPath("module_definition.txt")));

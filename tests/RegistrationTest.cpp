@@ -1,6 +1,5 @@
-// Registration: the start-up log line, counting and the FIPS decision. Enabling
-// FIPS changes process-wide OpenSSL state, so those cases run in child
-// processes against a module build whose switch file is CRYPTOGRAPHY_TEST_FIPS_FILE.
+// Registration: the start-up log line, counting and the FIPS decision. FIPS cases run in child
+// processes (it is process-wide) against a build whose switch file is CRYPTOGRAPHY_TEST_FIPS_FILE.
 #include <fcntl.h>
 #include <openssl/evp.h>
 #include <openssl/opensslv.h>
@@ -29,10 +28,8 @@ TEST(Registration, LogsTheOpenSSLVersionAndWorksWithoutInitialisingIt) {
 
 // FIPSMode (0 or 1), plus 2 if FIPSSelfTestFailed says true.
 int FipsState(Engine& engine) {
-    const auto mode = engine.Call("Cryptography.FIPSMode", {});
-    const auto failed = engine.Call("Cryptography.FIPSSelfTestFailed", {});
-    if (!mode.ok() || !failed.ok()) return 123;
-    return static_cast<int>(mode.result->GetNumber()) + (failed.result->GetBoolean() ? 2 : 0);
+    const auto mode = engine.Call("Cryptography.FIPSMode", {}), failed = engine.Call("Cryptography.FIPSSelfTestFailed", {});
+    return mode.ok() && failed.ok() ? static_cast<int>(mode.result->GetNumber()) + 2 * failed.result->GetBoolean() : 123;
 }
 
 // The first source that exists decides: switch file, environment, configuration.

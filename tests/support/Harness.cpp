@@ -6,9 +6,8 @@
 namespace Testing {
 
 std::string Hex(std::string_view bytes) {
-    static constexpr char digits[] = "0123456789abcdef";
     std::string out;
-    for (unsigned char c : bytes) out += {digits[c >> 4], digits[c & 15]};
+    for (unsigned char c : bytes) out += {"0123456789abcdef"[c >> 4], "0123456789abcdef"[c & 15]};
     return out;
 }
 
