@@ -1,11 +1,7 @@
-// Test harness: an engine with the module loaded, and short value makers, so
-// tests call routines the way a host does.
+// Test harness: an engine with the module loaded and short value makers.
 #pragma once
 
 #include <gtest/gtest.h>
-
-#include <string>
-#include <vector>
 
 #include "Engine.h"
 #include "FileData.h"
@@ -32,16 +28,16 @@ inline AutoRefPtr<IVariant> Obj(AutoRefPtr<Ombrix::IUserDefinedType> o) { return
 std::string Hex(std::string_view bytes);
 std::string Unhex(std::string_view hex);
 std::string ReadFile(const std::string& path);
-std::string DataPath(const std::string& name);  // a file of tests/data
-
-// The bytes of a DATAREF result ("" when it holds none).
-std::string ResultBytes(const CallOutcome& outcome);
-std::string ResultString(const CallOutcome& outcome);
+inline std::string DataPath(const std::string& name) { return std::string(TEST_DATA_DIR) + "/" + name; }
+std::string ResultBytes(const CallOutcome& outcome);  // "" without a DATAREF result
+inline std::string ResultString(const CallOutcome& o) {
+    return o.result ? std::string(o.result->GetString(), o.result->GetStringSize()) : std::string();
+}
 
 // Each test gets its own engine with the module loaded.
 class ModuleTest : public ::testing::Test {
 protected:
-    ModuleTest();
+    ModuleTest() { engine_.Load(CRYPTOGRAPHY_MODULE_PATH); }
     CallOutcome Call(std::string_view name, Args args) { return engine_.Call(name, std::move(args)); }
     CallOutcome CallEntry(std::string_view entry, Args args) { return engine_.CallEntry(entry, std::move(args)); }
 
