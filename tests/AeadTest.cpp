@@ -11,7 +11,6 @@ std::string Base64(const std::string& bytes) { return Cryptography::Codec::Base6
 
 class Gcm : public ModuleTest {
 protected:
-    // Every GCM entry point takes (data, cipher, key, AAD, tag length).
     CallOutcome Run(const char* entry, AutoRefPtr<IVariant> data, const std::string& cipher, const std::string& key,
                     const std::string& aad, double tag) {
         return CallEntry(std::string("ombrix_module_") + entry, {data, Str(cipher), Str(key), Str(aad), Num(tag)});
@@ -33,8 +32,9 @@ TEST_F(Gcm, WycheproofVectorsAsTokens) {
 // Both sealing forms give a token with a fresh IV; both opening forms give the plaintext back.
 TEST_F(Gcm, TokenRoundTrip) {
     const std::string key(32, 'K');
-    for (const auto& [cipher, plain, aad, tag] : {std::tuple<const char*, std::string, std::string, int>{"AES-256-GCM", "hi", "", 16},
-                                                  {"id-aes128-GCM", std::string(1000, '\0'), "aad", 4}}) {
+    const struct { const char* cipher; std::string plain, aad; int tag; } cases[] = {
+        {"AES-256-GCM", "hi", "", 16}, {"id-aes128-GCM", std::string(1000, '\0'), "aad", 4}};
+    for (const auto& [cipher, plain, aad, tag] : cases) {
         const std::string token = ResultString(Run("EncryptAndAuth", Str(plain), cipher, key, aad, tag));
         const std::string other = ResultString(Run("EncryptAndAuthDataRef", Dat(plain), cipher, key, aad, tag));
         EXPECT_EQ(Base64Decode(token).size(), 12 + tag + plain.size());
@@ -45,26 +45,28 @@ TEST_F(Gcm, TokenRoundTrip) {
 }
 
 TEST_F(Gcm, FailuresAreReportedWithTheirTexts) {
-    const std::string key(32, 'K'), token = ResultString(Run("EncryptAndAuth", Str("secret"), "AES-256-GCM", key, "aad", 16));
+    const std::string key(32, 'K'), gcm = "AES-256-GCM", refusal = " is only for GCM cipher implemented!";
+    const std::string token = ResultString(Run("EncryptAndAuth", Str("secret"), gcm, key, "aad", 16));
     std::string tampered = Base64Decode(token);
     tampered[30] ^= 1;
-    const std::string gcm = "AES-256-GCM", refusal = " is only for GCM cipher implemented!";
-    const std::string sealRefusal = "Cryptography.EncryptAndAuth" + refusal, getTag = "Getting EVP_CTRL_GCM_GET_TAG failed!";
+    const std::string sealRefusal = "Cryptography.EncryptAndAuth" + refusal;
+    const std::string bad = "Bad format!", failed = "Decryption failed!", getTag = "Getting EVP_CTRL_GCM_GET_TAG failed!";
     const struct { bool seal; std::string data, cipher, aad; double tag; std::string message; } cases[] = {
         {true, "x", "AES-256-CBC", "", 16, sealRefusal}, {true, "x", "aes-128-ccm", "", 16, sealRefusal},
         {false, token, "AES-256-CBC", "aad", 16, "Cryptography.DecryptAndAuth" + refusal},
         {true, "x", "aes-512-gcm", "", 16, "Cipher \"aes-512-gcm\" not supported."},
         {false, token, "nope", "aad", 16, "Cipher \"nope\" not supported."},
         {true, "", "nope", "", 16, ""},  // an empty plaintext is silently empty, but an empty token is malformed
-        {false, "", gcm, "aad", 16, "Bad format!"}, {false, Base64(std::string(27, 'a')), gcm, "aad", 16, "Bad format!"},
-        {false, token, gcm, "aaD", 16, "Decryption failed!"}, {false, Base64(tampered), gcm, "aad", 16, "Decryption failed!"},
+        {false, "", gcm, "aad", 16, bad}, {false, Base64(std::string(27, 'a')), gcm, "aad", 16, bad},
+        {false, token, gcm, "aaD", 16, failed}, {false, Base64(tampered), gcm, "aad", 16, failed},
         {true, "x", gcm, "", 17, getTag}, {true, "x", gcm, "", 0, getTag}, {true, "x", gcm, "", -4, getTag},
         {false, token, gcm, "aad", 17, "Setting EVP_CTRL_GCM_SET_TAG failed!"},
     };
-    for (const auto& c : cases)
-        ExpectEmptyResult(std::to_string(&c - cases),
-                          Run(c.seal ? "EncryptAndAuth" : "DecryptAndVerify", Str(c.data), c.cipher, key, c.aad, c.tag),
-                          c.message, c.message == "Bad format!" ? "Error.Ombrix.InvalidArgument" : "Error.Ombrix.FunctionError");
+    for (const auto& c : cases) {
+        const auto out = Run(c.seal ? "EncryptAndAuth" : "DecryptAndVerify", Str(c.data), c.cipher, key, c.aad, c.tag);
+        const char* id = c.message == bad ? "Error.Ombrix.InvalidArgument" : "Error.Ombrix.FunctionError";
+        ExpectEmptyResult(std::to_string(&c - cases), out, c.message, id);
+    }
 }
 
 class ChaCha : public ModuleTest {
@@ -72,7 +74,8 @@ protected:
     // The ciphertext and the tag.
     std::vector<std::string> Seal(const std::string& plain, const std::string& key, AutoRefPtr<IVariant> nonce,
                                   const std::string& aad) {
-        const auto out = CallEntry("ombrix_module_Encrypt_AEAD_CHACHA20_POLY1305", {Str(plain), Str(key), nonce, Str(aad)});
+        const auto out =
+            CallEntry("ombrix_module_Encrypt_AEAD_CHACHA20_POLY1305", {Str(plain), Str(key), nonce, Str(aad)});
         std::vector<std::string> parts;
         for (uint64_t i = 0; out.result->GetVector() && i < out.result->GetVector()->GetSize(); ++i) {
             AutoRefPtr<IDataRef> data = out.result->GetVector()->GetElement(i)->GetData();
@@ -82,13 +85,15 @@ protected:
     }
     CallOutcome Open(AutoRefPtr<IVariant> ct, AutoRefPtr<IVariant> tag, const std::string& key,
                      AutoRefPtr<IVariant> nonce, const std::string& aad, const char* entry = "DataRef") {
-        return CallEntry(std::string("ombrix_module_Decrypt_AEAD_CHACHA20_POLY1305") + entry, {ct, tag, Str(key), nonce, Str(aad)});
+        return CallEntry(std::string("ombrix_module_Decrypt_AEAD_CHACHA20_POLY1305") + entry,
+                         {ct, tag, Str(key), nonce, Str(aad)});
     }
 };
 
 // An empty ciphertext is never checked: no report, an empty result.
 TEST_F(ChaCha, WycheproofVectors) {
-    ForEachVector("chacha20_poly1305_test.json", 96, {{"valid", 256}, {"invalid", 60}}, [&](const auto&, const auto& t) {
+    ForEachVector("chacha20_poly1305_test.json", 96, {{"valid", 256}, {"invalid", 60}},
+                  [&](const auto&, const auto& t) {
         const std::string key = Field(t, "key"), nonce = Field(t, "iv"), aad = Field(t, "aad"), ct = Field(t, "ct");
         const CallOutcome opened = Open(Dat(ct), Dat(Field(t, "tag")), key, Dat(nonce), aad);
         if (t["result"] != "valid") return ExpectEmptyResult("invalid", opened, ct.empty() ? "" : "Decryption failed!");

@@ -32,8 +32,7 @@ TEST_F(DigestTest, StringAndBufferDigestsMatchOpenSSL) {
     }
 }
 
-// A buffer without contiguous bytes is read in chunks of 100000 bytes; a file
-// in chunks of 8192.
+// A buffer without contiguous bytes is read in 100000-byte chunks, a file in 8192-byte ones.
 TEST_F(DigestTest, LargeInputsAreReadInChunks) {
     const std::pair<size_t, uint64_t> cases[] = {{0, 1}, {8192, 1}, {8193, 1}, {100000, 1}, {100001, 2}, {250000, 3}};
     for (const auto& [size, reads] : cases) {
@@ -41,7 +40,7 @@ TEST_F(DigestTest, LargeInputsAreReadInChunks) {
         const TempFile temp(bytes);
         auto file = Ombrix::Host::FileData::Open(temp.path);
         ASSERT_TRUE(file && !file->GetData());
-        EXPECT_EQ(HexResult(Call("Cryptography.Hash", {Str("SHA256"), Dat(AutoRefPtr<IDataRef>(file))})), Expected("SHA256", bytes));
+        EXPECT_EQ(HexResult(Call("Cryptography.Hash", {Str("SHA256"), Dat(file)})), Expected("SHA256", bytes));
         EXPECT_EQ(file->ReadCalls(), reads) << size;
         EXPECT_EQ(HexResult(Call("Cryptography.HashFile", {Str("SHA512"), Str(temp.path)})), Expected("SHA512", bytes));
     }

@@ -13,8 +13,9 @@ protected:
         EXPECT_EQ(HexResult(Call("Cryptography.HMAC", {Str(digest), Str(key), Dat(data)})), fromString);
         return fromString;
     }
-    CallOutcome Pbkdf2(const std::string& password, const std::string& salt, double iterations, const char* digest, double length) {
-        return Call("Cryptography.PKCS5PBKDF2HMAC", {Dat(password), Dat(salt), Num(iterations), Str(digest), Num(length)});
+    CallOutcome Pbkdf2(const std::string& password, const std::string& salt, double count, const char* digest,
+                       double length) {
+        return Call("Cryptography.PKCS5PBKDF2HMAC", {Dat(password), Dat(salt), Num(count), Str(digest), Num(length)});
     }
 };
 
@@ -54,7 +55,8 @@ TEST_F(MacTest, Rfc4231) {
     for (const auto& c : cases) {
         const size_t cut = c.macs.size() == 128 ? 32 : std::string::npos;
         std::string macs;
-        for (const char* digest : {"SHA224", "SHA256", "SHA384", "SHA512"}) macs += Hmac(digest, c.key, c.data).substr(0, cut);
+        for (const char* digest : {"SHA224", "SHA256", "SHA384", "SHA512"})
+            macs += Hmac(digest, c.key, c.data).substr(0, cut);
         EXPECT_EQ(macs, c.macs);
     }
 }
@@ -82,7 +84,8 @@ TEST_F(MacTest, Rfc6070Pbkdf2Sha1) {
 
 TEST_F(MacTest, WycheproofPbkdf2HmacSha256) {
     ForEachVector("pbkdf2_hmacsha256_test.json", 0, {{"valid", 60}}, [&](const auto&, const auto& test) {
-        const auto outcome = Pbkdf2(Field(test, "password"), Field(test, "salt"), test["iterationCount"], "SHA256", test["dkLen"]);
+        const auto outcome = Pbkdf2(Field(test, "password"), Field(test, "salt"), test["iterationCount"], "SHA256",
+                                    test["dkLen"]);
         EXPECT_EQ(HexResult(outcome), test["dk"]);
     });
 }
@@ -100,8 +103,7 @@ TEST_F(MacTest, Pbkdf2LengthsAndAbsentBuffers) {
     EXPECT_EQ(HexResult(absent), HexResult(Pbkdf2("password", "", 2, "SHA256", 32)));
 }
 
-// The key is checked before the digest, the digest before the length; HMAC
-// refuses extendable-output digests.
+// Key before digest before length; HMAC refuses extendable-output digests.
 TEST_F(MacTest, Errors) {
     const std::pair<Args, const char*> cases[] = {
         {{Str("NoSuchDigest"), Str(""), Str("data")}, "Key is empty"},
@@ -112,7 +114,8 @@ TEST_F(MacTest, Errors) {
         {{Dat("pw"), Dat("salt"), Num(0), Str("sha1"), Num(32)}, "PKCS5_PBKDF2_HMAC with digest \"sha1\" failed!"},
     };
     for (const auto& [args, message] : cases)
-        ExpectEmptyResult(message, Call(args.size() == 3 ? "Cryptography.HMAC" : "Cryptography.PKCS5PBKDF2HMAC", args), message);
+        ExpectEmptyResult(message, Call(args.size() == 3 ? "Cryptography.HMAC" : "Cryptography.PKCS5PBKDF2HMAC", args),
+                          message);
 }
 
 }  // namespace

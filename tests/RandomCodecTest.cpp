@@ -25,7 +25,7 @@ TEST_F(RandomTest, LengthsFollowTheCount) {
     for (const auto& c : cases) {
         const auto outcome = Call(c.routine, {Num(c.n)});
         const std::string text = c.routine == bytes ? ResultBytes(outcome) : ResultString(outcome);
-        EXPECT_TRUE(outcome.ok() && outcome.result->IsAssigned() && text.size() == c.length) << c.routine << "(" << c.n << ")";
+        EXPECT_TRUE(outcome.ok() && outcome.result->IsAssigned() && text.size() == c.length) << c.routine << " " << c.n;
         EXPECT_TRUE(c.routine == bytes || std::regex_match(text, std::regex(c.alphabet))) << text;
     }
     EXPECT_NE(ResultBytes(Call(bytes, {Num(16)})), ResultBytes(Call(bytes, {Num(16)})));
@@ -35,7 +35,8 @@ TEST_F(RandomTest, BadCountsReportAndReturnEmpty) {
     for (const char* routine : {"Cryptography.CreateRandomBytes", "Cryptography.CreateRandomBytesAsString",
                                 "Cryptography.CreateRandomBytesAsBase64String",
                                 "Cryptography.CreateRandomBytesAsBase64URLString"}) {
-        ExpectEmptyResult(routine, Call(routine, {Num(-1)}), "Negative length parameter!", "Error.Ombrix.InvalidArgument");
+        ExpectEmptyResult(routine, Call(routine, {Num(-1)}), "Negative length parameter!",
+                          "Error.Ombrix.InvalidArgument");
         // 2^31 is beyond RAND_bytes' int range.
         ExpectEmptyResult(routine, Call(routine, {Num(2147483648.0)}), "CreateRandomBytes failed!");
     }

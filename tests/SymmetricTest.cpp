@@ -11,8 +11,8 @@ const std::string kWrongKey = "Maybe wrong password. Error on finalizing. Status
 class Symmetric : public ModuleTest {
 protected:
     // Calls ombrix_module_<entry>, or its InitVec form when an IV is given.
-    CallOutcome Run(const std::string& entry, AutoRefPtr<IVariant> data, const std::string& cipher, const std::string& key,
-                    const std::string* iv = nullptr) {
+    CallOutcome Run(const std::string& entry, AutoRefPtr<IVariant> data, const std::string& cipher,
+                    const std::string& key, const std::string* iv = nullptr) {
         Args args = {Str(cipher), data, Str(key)};
         if (iv) args.push_back(Dat(*iv));
         return CallEntry("ombrix_module_" + entry + (iv ? "InitVec" : ""), std::move(args));
@@ -20,16 +20,14 @@ protected:
 };
 
 TEST_F(Symmetric, WycheproofAesCbcPkcs5) {
-    ForEachVector("aes_cbc_pkcs5_test.json", 0, {{"valid", 72}, {"invalid", 144}}, [&](const auto& group, const auto& t) {
+    ForEachVector("aes_cbc_pkcs5_test.json", 0, {{"valid", 72}, {"invalid", 144}},
+                  [&](const auto& group, const auto& t) {
         const std::string cipher = "AES-" + std::to_string(int(group["keySize"])) + "-CBC";
         const std::string key = Field(t, "key"), iv = Field(t, "iv"), msg = Field(t, "msg"), ct = Field(t, "ct");
-        const std::string encrypted = HexResult(Run("Encrypt", Str(msg), cipher, key, &iv));
         const CallOutcome decrypted = Run("DataRefDecrypt", Dat(ct), cipher, key, &iv);
-        if (t["result"] != "valid") {
-            EXPECT_NE(encrypted, Hex(ct));
-            return ExpectEmptyResult("invalid", decrypted, ct.empty() ? "" : kWrongKey);  // empty input: silently empty
-        }
-        EXPECT_EQ(encrypted, Hex(ct));
+        if (t["result"] != "valid")  // an empty input is silently empty
+            return ExpectEmptyResult("invalid", decrypted, ct.empty() ? "" : kWrongKey);
+        EXPECT_EQ(HexResult(Run("Encrypt", Str(msg), cipher, key, &iv)), Hex(ct));
         EXPECT_EQ(HexResult(decrypted), Hex(msg));
         EXPECT_EQ(ResultString(Run("Decrypt", Dat(ct), cipher, key, &iv)), msg);
     });
@@ -44,13 +42,12 @@ TEST_F(Symmetric, RoomCheckCountsOneBlock) {
                               std::string(needed) + ", but there is only: 5");
 }
 
-// Keys are cut or zero-extended to the cipher's key length; IVs are
-// zero-extended but never cut (OpenSSL reads only what it needs); an empty or
-// absent IV is all zeros. Each row must match the call with the adjusted values.
+// Keys are cut or zero-extended to the cipher's key length; IVs are zero-extended but never cut (OpenSSL
+// reads what it needs); an empty or absent IV is all zeros. A row must match the call with adjusted values.
 TEST_F(Symmetric, KeyAndIvAdjustment) {
-    const std::string key = "0123456789abcdefghijklmnopqrstuvwxyzABCD", iv = "IV:0123456789ab!WXYZ", zeros(32, '\0');
-    const std::string iv8 = iv.substr(0, 8), iv16 = iv.substr(0, 16), none, plain = "The quick brown fox jumps over the lazy dog";
-    const struct { const char* cipher; std::string key; const std::string* iv; std::string sameKey, sameIv; } cases[] = {
+    const std::string key = "0123456789abcdefghijklmnopqrstuvwxyzABCD", zeros(32, '\0'), none;
+    const std::string iv = "IV:0123456789ab!WXYZ", iv8 = iv.substr(0, 8), iv16 = iv.substr(0, 16), plain(40, 'p');
+    const struct { const char* cipher; std::string key; const std::string* iv; std::string asKey, asIv; } cases[] = {
         {"AES-256-CBC", key, &iv16, key.substr(0, 32), iv16},
         {"AES-256-CBC", "abc", &iv16, "abc" + zeros.substr(0, 29), iv16},
         {"AES-128-CBC", key, &iv8, key.substr(0, 16), iv8 + zeros.substr(0, 8)},
@@ -59,8 +56,7 @@ TEST_F(Symmetric, KeyAndIvAdjustment) {
         {"AES-128-CBC", key, nullptr, key.substr(0, 16), zeros.substr(0, 16)},
     };
     for (const auto& c : cases) {
-        const std::string expected = ResultBytes(Run("Encrypt", Str(plain), c.cipher, c.sameKey, &c.sameIv));
-        ASSERT_EQ(expected.size(), 48u);
+        const std::string expected = ResultBytes(Run("Encrypt", Str(plain), c.cipher, c.asKey, &c.asIv));
         EXPECT_EQ(HexResult(Run("Encrypt", Str(plain), c.cipher, c.key, c.iv)), Hex(expected)) << &c - cases;
         EXPECT_EQ(HexResult(Run("DataRefDecrypt", Dat(expected), c.cipher, c.key, c.iv)), Hex(plain)) << &c - cases;
     }
@@ -130,8 +126,8 @@ TEST_F(Symmetric, BytesToKeyMatchesOpenSSLEnc) {
         {"aes-256-cbc", "sha256", "01020304", "", 48}, {"aes-256-cbc", "sha256", salt8 + "aabbccdd", salt8, 48},
         {"aes-128-ecb", "md5", "", "", 16}, {"aes-256-cbc", "md5", salt8, salt8, 48}};  // no IV part; three rounds
     for (const auto& c : cases) {
-        const std::string key = HexResult(CallEntry("ombrix_module_BytesToKey", {Str(c.cipher), Str(c.digest), Dat("secret"),
-                                                                                 Dat(Unhex(c.salt)), Num(1)}));
+        const Args args = {Str(c.cipher), Str(c.digest), Dat("secret"), Dat(Unhex(c.salt)), Num(1)};
+        const std::string key = HexResult(CallEntry("ombrix_module_BytesToKey", args));
         EXPECT_EQ(key.size(), 2 * c.length);
         EXPECT_EQ(key, OpenSSLEncKeyAndIv(c.cipher, c.digest, c.effectiveSalt)) << c.cipher << " " << c.salt;
     }
