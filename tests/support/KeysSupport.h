@@ -39,13 +39,6 @@ struct TempDir {
     }
 };
 
-// Exactly one report with this id, its message starting with prefix.
-inline void ExpectErrorPrefix(const CallOutcome& outcome, const std::string& id, const std::string& prefix) {
-    ASSERT_EQ(outcome.errors.size(), 1u);
-    EXPECT_EQ(outcome.errors[0].id, id);
-    EXPECT_EQ(outcome.errors[0].message.rfind(prefix, 0), 0u) << outcome.errors[0].message;
-}
-
 // Nothing a routine did may stay in this thread's OpenSSL error queue.
 inline void ExpectErrorQueueEmpty() { EXPECT_EQ(ERR_peek_error(), 0ul) << "OpenSSL error queue not empty"; }
 
