@@ -17,7 +17,6 @@ TEST_F(SignatureTest, SignAndVerifyInEveryFormAgreeWithOpenssl) {
     const auto file = Ombrix::Host::FileData::Open(messageFile);
     const AutoRefPtr<IVariant> fromFile = Dat(AutoRefPtr<IDataRef>(file));
     const std::string rsaPem = KeyFixture("rsa.pem"), rsaPublicPem = KeyFixture("rsa.pub.pem");
-    const std::string ecPublicPem = KeyFixture("ec.pub.pem");
     const AutoRefPtr<IVariant> rsa = Obj(KeyFromPEM(rsaPem)), rsaPublic = Obj(KeyFromPEM(rsaPublicPem));
     const AutoRefPtr<IVariant> ec = Obj(KeyFromFixture("ec.pem"));
     const struct { AutoRefPtr<IVariant> message, signer, verifier; std::string kind; } cases[] = {
@@ -26,8 +25,8 @@ TEST_F(SignatureTest, SignAndVerifyInEveryFormAgreeWithOpenssl) {
         {Dat(message), Dat(rsaPem), rsa, "rsa"},
         {fromFile, Dat(rsaPem), Dat(rsaPublicPem), "rsa"},
         {Str(message), Dat(rsaPem + std::string(100000 - rsaPem.size(), '\n')), rsaPublic, "rsa"},  // largest buffer
-        {Str(message), ec, Dat(ecPublicPem), "ec"},
-        {fromFile, ec, Obj(KeyFromPEM(ecPublicPem)), "ec"},
+        {Str(message), ec, Dat(KeyFixture("ec.pub.pem")), "ec"},
+        {fromFile, ec, Obj(KeyFromFixture("ec.pub.pem")), "ec"},
         {Dat(message), ec, ec, "ec"},
     };
     for (const auto& c : cases) {
