@@ -1,6 +1,5 @@
-// Calls into the host's JSON module: lookup by name and signature, the cache
-// keyed by policy identity, and the refusal and failure paths, seen through
-// Cryptography.PEMToJson in engines whose JSON module is absent or fake.
+// Calls into the host's JSON module (lookup, the cache keyed by policy identity, refusals
+// and failures), seen through Cryptography.PEMToJson with the module absent or fake.
 #include <atomic>
 
 #include "CertSupport.h"
@@ -13,177 +12,112 @@ using Ombrix::IContext;
 using Ombrix::Host::HostRoutine;
 
 // What the fake JSON routines do, and how often they ran.
-struct FakeJson {
-    enum class Effect { None, ReportError, Interrupt };
-    static inline Effect fromStringEffect = Effect::None;
-    static inline uint32_t setStatus = 0;
-    static inline int fromStringCalls = 0;
-    static inline int setCalls = 0;
+enum class Effect { None, ReportError, Interrupt } fromStringEffect;
+uint32_t setStatus;
+int fromStringCalls, setCalls;
 
-    static void Reset() {
-        fromStringEffect = Effect::None;
-        setStatus = 0;
-        fromStringCalls = setCalls = 0;
-    }
-    static void Return(IVariant* result, AutoRefPtr<Ombrix::IJSON> json) {
-        result->SetUserDefined(AutoRefPtr<Ombrix::IUserDefinedType>(std::move(json)));
-    }
-    static uint32_t FromString(uint32_t, IVariant**, IVariant* result, void*, IContext* context) {
-        ++fromStringCalls;
-        if (fromStringEffect == Effect::ReportError)
-            context->TriggerErrorHandler(2, "JSON", "Error.Test", "fake failure");
-        if (fromStringEffect == Effect::Interrupt) context->SetInterrupted();
-        Return(result, Ombrix::JSON::JSONWrapper::Make());
-        return 0;
-    }
-    // Set and ArrayAppend hand their first argument back unchanged.
-    static uint32_t Set(uint32_t, IVariant** arguments, IVariant* result, void*, IContext*) {
-        ++setCalls;
-        if (setStatus) return setStatus;
-        result->Assign(arguments[0]);
-        return 0;
-    }
-    static uint32_t CreateEmptyArray(uint32_t, IVariant**, IVariant* result, void*, IContext*) {
-        Return(result, Ombrix::JSON::JSONWrapper::Make(nlohmann::json::array()));
-        return 0;
-    }
-    static uint32_t ArrayAppend(uint32_t, IVariant** arguments, IVariant* result, void*, IContext*) {
-        result->Assign(arguments[0]);
-        return 0;
-    }
+uint32_t FakeFromString(uint32_t, IVariant**, IVariant* result, void*, IContext* context) {
+    ++fromStringCalls;
+    if (fromStringEffect == Effect::ReportError) context->TriggerErrorHandler(2, "JSON", "Error.Test", "fake failure");
+    if (fromStringEffect == Effect::Interrupt) context->SetInterrupted();
+    result->SetUserDefined(AutoRefPtr<Ombrix::IUserDefinedType>(Ombrix::JSON::JSONWrapper::Make()));
+    return 0;
+}
+// Set and ArrayAppend hand their first argument back unchanged, or fail with setStatus.
+uint32_t FakeSet(uint32_t, IVariant** arguments, IVariant* result, void*, IContext*) {
+    ++setCalls;
+    if (!setStatus) result->Assign(arguments[0]);
+    return setStatus;
+}
+
+const std::vector<HostRoutine> kAllFakes = {
+    {"FUNCTION JSON JSON.FromString (STRING)", &FakeFromString},
+    {"FUNCTION JSON JSON.Set (JSON,STRING,STRING)", &FakeSet},
+    {"FUNCTION JSON JSON.Set (JSON,STRING,JSON)", &FakeSet},
+    {"FUNCTION JSON JSON.Set (JSON,STRING,NUMBER)", &FakeSet},
+    {"FUNCTION JSON JSON.CreateEmptyArray ()", &FakeFromString},  // an object stands in for the array
+    {"FUNCTION JSON JSON.ArrayAppend (JSON,JSON)", &FakeSet},
 };
 
-const HostRoutine kFromString{"FUNCTION JSON JSON.FromString (STRING)", &FakeJson::FromString};
-const HostRoutine kSetString{"FUNCTION JSON JSON.Set (JSON,STRING,STRING)", &FakeJson::Set};
-const HostRoutine kSetJson{"FUNCTION JSON JSON.Set (JSON,STRING,JSON)", &FakeJson::Set};
-const HostRoutine kSetNumber{"FUNCTION JSON JSON.Set (JSON,STRING,NUMBER)", &FakeJson::Set};
-const HostRoutine kCreateEmptyArray{"FUNCTION JSON JSON.CreateEmptyArray ()", &FakeJson::CreateEmptyArray};
-const HostRoutine kArrayAppend{"FUNCTION JSON JSON.ArrayAppend (JSON,JSON)", &FakeJson::ArrayAppend};
-const std::vector<HostRoutine> kAllFakes = {kFromString, kSetString, kSetJson, kSetNumber, kCreateEmptyArray, kArrayAppend};
+// Imports are cached process-wide per policy identity: a new one resolves afresh.
+std::atomic<uint64_t> nextPolicy{1000};
 
-Engine::Options WithoutJsonModule() {
+// An engine without the JSON module, offered the first fakes of the list, the fakes reset.
+std::unique_ptr<Engine> NewEngine(size_t fakes) {
     Engine::Options options;
     options.jsonModule = false;
-    return options;
+    auto engine = std::make_unique<Engine>(options);
+    engine->Load(CRYPTOGRAPHY_MODULE_PATH);
+    engine->SetPolicy("test", nextPolicy++);
+    if (fakes) engine->AddHostModule("JSON", {kAllFakes.begin(), kAllFakes.begin() + fakes});
+    fromStringEffect = Effect::None;
+    fromStringCalls = setCalls = setStatus = 0;
+    return engine;
 }
+CallOutcome Describe(Engine& engine) { return engine.Call("Cryptography.PEMToJson", {Str(CertFixture("ca.pem"))}); }
 
-// Imports are cached process-wide per policy identity; each engine here gets
-// an identity of its own so that it resolves afresh.
-uint64_t FreshPolicyIdentity() {
-    static std::atomic<uint64_t> next{1000};
-    return next++;
-}
+using HostImport = ::testing::Test;
 
-class HostImport : public ::testing::Test {
-protected:
-    HostImport() : engine_(WithoutJsonModule()) {
-        FakeJson::Reset();
-        engine_.Load(CRYPTOGRAPHY_MODULE_PATH);
-        engine_.SetPolicy("test", FreshPolicyIdentity());
-    }
-    CallOutcome Describe(Engine& engine) { return engine.Call("Cryptography.PEMToJson", {Str(CertFixture("ca.pem"))}); }
-    std::vector<std::string> OmbrixLog() {
-        std::vector<std::string> lines;
-        for (const auto& line : engine_.Log().Lines())
-            if (line.category == "Ombrix" && line.level == 0 && !line.error) lines.push_back(line.message);
-        return lines;
-    }
-
-    Engine engine_;
-};
-
-TEST_F(HostImport, EachMissingRoutineIsNamedWithItsImportName) {
-    struct Case {
-        std::vector<HostRoutine> offered;
-        const char* missing;
+TEST_F(HostImport, MissingRoutinesAndCalleeStatusesAreReported) {
+    auto missing = [](const std::string& name) { return "Imported Ombrix function " + name + " doesn't exist!"; };
+    const std::string invalidFunction = "Error.Ombrix.InvalidFunction", invalidArgument = "Error.Ombrix.InvalidArgument";
+    const std::tuple<size_t, uint32_t, std::string, std::string> cases[] = {  // fakes offered, Set's status, report
+        {0, 0, invalidFunction, missing("JSON.FromString (imported as StringToJson)")},
+        {1, 0, invalidFunction, missing("JSON.Set (imported as JSONSetString)")},
+        {2, 0, invalidFunction, missing("JSON.Set (imported as JSONSetJson)")},
+        {3, 0, invalidFunction, missing("JSON.Set (imported as JSONSetUInt64)")},
+        {4, 0, invalidFunction, missing("JSON.CreateEmptyArray (imported as JSONCreateEmptyArray)")},
+        {5, 0, invalidFunction, missing("JSON.ArrayAppend (imported as JSONArrayAppendJSON)")},
+        {6, 0x20002, invalidArgument, "invalid parameter 2 in function 'JSON.Set'"},
+        {6, 0x10004, invalidArgument, "invalid object used for parameter 1 in function 'JSON.Set'"},
+        {6, 0x30001, invalidArgument, "runtime error from function 'JSON.Set'"},
+        {6, 0x7, invalidArgument, "runtime error from function 'JSON.Set'"},
     };
-    const Case cases[] = {
-        {{}, "JSON.FromString (imported as StringToJson)"},
-        {{kFromString}, "JSON.Set (imported as JSONSetString)"},
-        {{kFromString, kSetString}, "JSON.Set (imported as JSONSetJson)"},
-        {{kFromString, kSetString, kSetJson}, "JSON.Set (imported as JSONSetUInt64)"},
-        {{kFromString, kSetString, kSetJson, kSetNumber}, "JSON.CreateEmptyArray (imported as JSONCreateEmptyArray)"},
-        {{kFromString, kSetString, kSetJson, kSetNumber, kCreateEmptyArray}, "JSON.ArrayAppend (imported as JSONArrayAppendJSON)"},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.missing);
-        Engine engine(WithoutJsonModule());
-        engine.Load(CRYPTOGRAPHY_MODULE_PATH);
-        engine.SetPolicy("test", FreshPolicyIdentity());
-        if (!c.offered.empty()) engine.AddHostModule("JSON", c.offered);
-        CallOutcome outcome = Describe(engine);
-        ExpectError(outcome, "Error.Ombrix.InvalidFunction",
-                    std::string("Imported Ombrix function ") + c.missing + " doesn't exist!", "Ombrix");
+    for (const auto& [offered, status, id, message] : cases) {
+        const auto engine = NewEngine(offered);
+        setStatus = status;
+        const CallOutcome outcome = Describe(*engine);
+        ExpectError(outcome, id, message, "Ombrix");
         EXPECT_EQ(JsonResult(outcome), nlohmann::json());
-    }
-}
-
-TEST_F(HostImport, CalleeStatusesBecomeMessages) {
-    engine_.AddHostModule("JSON", kAllFakes);
-    const std::pair<uint32_t, const char*> cases[] = {
-        {0x20002, "invalid parameter 2 in function 'JSON.Set'"},
-        {0x10004, "invalid object used for parameter 1 in function 'JSON.Set'"},
-        {0x30001, "runtime error from function 'JSON.Set'"},
-        {0x7, "runtime error from function 'JSON.Set'"},
-    };
-    for (const auto& [status, message] : cases) {
-        SCOPED_TRACE(message);
-        FakeJson::Reset();
-        FakeJson::setStatus = status;
-        CallOutcome outcome = Describe(engine_);
-        ExpectError(outcome, "Error.Ombrix.InvalidArgument", message, "Ombrix");
-        EXPECT_EQ(FakeJson::setCalls, 1);  // the build stops at the first failure
-        EXPECT_EQ(JsonResult(outcome), nlohmann::json());
+        if (status) { EXPECT_EQ(setCalls, 1) << message; }  // the build stops at the first failure
     }
 }
 
 TEST_F(HostImport, ContextInErrorOrInterruptedIsNotCalled) {
-    engine_.AddHostModule("JSON", kAllFakes);
     const std::string prefix = "Error calling imported Ombrix function JSON.FromString (imported as StringToJson)";
-    struct Case {
-        FakeJson::Effect effect;
-        size_t errors;
-        std::string logged;
+    const std::tuple<Effect, size_t, std::string> cases[] = {  // effect, reports, logged line
+        {Effect::ReportError, 1, prefix + ",context has error \"fake failure\", backtrace: Cryptography.PEMToJson"},
+        {Effect::Interrupt, 0, prefix + ", context is already interrupted, backtrace: Cryptography.PEMToJson"},
     };
-    const Case cases[] = {
-        {FakeJson::Effect::ReportError, 1,
-         prefix + ",context has error \"fake failure\", backtrace: Cryptography.PEMToJson"},
-        {FakeJson::Effect::Interrupt, 0, prefix + ", context is already interrupted, backtrace: Cryptography.PEMToJson"},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.logged);
-        FakeJson::Reset();
-        FakeJson::fromStringEffect = c.effect;
-        const size_t logged = OmbrixLog().size();
-        CallOutcome outcome = Describe(engine_);
-        EXPECT_EQ(outcome.errors.size(), c.errors);  // only the fake's own report
-        EXPECT_EQ(FakeJson::fromStringCalls, 1);     // the result object; the subject's is refused
-        EXPECT_EQ(FakeJson::setCalls, 0);
-        const std::vector<std::string> lines = OmbrixLog();
-        ASSERT_EQ(lines.size(), logged + 1);
-        EXPECT_EQ(lines.back(), c.logged);
+    for (const auto& [effect, reports, logged] : cases) {
+        const auto engine = NewEngine(kAllFakes.size());
+        fromStringEffect = effect;
+        EXPECT_EQ(Describe(*engine).errors.size(), reports);  // only the fake's own report
+        EXPECT_EQ(fromStringCalls, 1);  // the result object; the subject's is refused
+        EXPECT_EQ(setCalls, 0);
+        std::vector<std::string> lines;
+        for (const auto& line : engine->Log().Lines())
+            if (line.category == "Ombrix" && line.level == 0 && !line.error) lines.push_back(line.message);
+        EXPECT_EQ(lines, std::vector<std::string>{logged});
     }
 }
 
 TEST_F(HostImport, ResolutionsAreReusedUntilThePolicyIdentityChanges) {
-    const uint64_t shared = FreshPolicyIdentity();
+    const uint64_t shared = nextPolicy++;
     Engine real;
     real.Load(CRYPTOGRAPHY_MODULE_PATH);
     real.SetPolicy("shared", shared);
-    CallOutcome expected = Describe(real);
+    const CallOutcome expected = Describe(real);
     ASSERT_TRUE(expected.ok());
 
-    engine_.AddHostModule("JSON", kAllFakes);
-    engine_.SetPolicy("shared", shared);
-    CallOutcome reused = Describe(engine_);
-    EXPECT_TRUE(reused.ok());
-    EXPECT_EQ(FakeJson::fromStringCalls + FakeJson::setCalls, 0);
-    EXPECT_EQ(JsonResult(reused), JsonResult(expected));
+    const auto engine = NewEngine(kAllFakes.size());
+    engine->SetPolicy("shared", shared);
+    EXPECT_EQ(JsonResult(Describe(*engine)), JsonResult(expected));
+    EXPECT_EQ(fromStringCalls + setCalls, 0);
 
-    engine_.SetPolicy("changed", FreshPolicyIdentity());
-    EXPECT_TRUE(Describe(engine_).ok());
-    EXPECT_GT(FakeJson::fromStringCalls, 0);
-    EXPECT_GT(FakeJson::setCalls, 0);
+    engine->SetPolicy("changed", nextPolicy++);
+    EXPECT_TRUE(Describe(*engine).ok());
+    EXPECT_GT(fromStringCalls, 0);
 }
 
 }  // namespace

@@ -1,55 +1,40 @@
-// Helpers of the certificate tests: fixtures made by the openssl command,
-// running openssl from a test, and certificate values made through the engine.
+// Helpers of the certificate suites: fixtures made by the openssl command
+// (tests/data/certs/make_certs.sh) and values made through the engine.
 #pragma once
 
 #include <nlohmann/json.hpp>
 
-#include "Harness.h"
+#include "KeysSupport.h"
 
 namespace Testing {
 
-// A file of tests/data/certs.
-std::string CertFixture(const std::string& name);
-std::string CertFixturePath(const std::string& name);
+inline std::string CertFixturePath(const std::string& name) { return DataPath("certs/" + name); }
+inline std::string CertFixture(const std::string& name) { return ReadFile(CertFixturePath(name)); }
 
-struct ShellResult {
-    int status = -1;
-    std::string output;  // standard output
-};
-ShellResult RunShell(const std::string& command);
-
-// A fresh directory, removed with its files when the object goes.
-class TempDir {
-public:
-    TempDir();
-    ~TempDir();
-    TempDir(const TempDir&) = delete;
-    TempDir& operator=(const TempDir&) = delete;
-    std::string Write(const std::string& name, const std::string& content) const;
-    const std::string& Path() const { return path_; }
-
-private:
-    std::string path_;
-};
+// The JSON value a result holds (null when none).
+inline nlohmann::json JsonResult(const CallOutcome& outcome) {
+    const auto json = outcome.result ? outcome.result->ObjectValue().DynamicCast<Ombrix::IJSON>() : nullptr;
+    return json ? nlohmann::json::parse(json->ToJSONText()) : nlohmann::json();
+}
 
 class CertTest : public ModuleTest {
 public:
-    // Cryptography.X509FromPEM of a text or of a fixture file.
-    AutoRefPtr<IVariant> Cert(const std::string& pem);
+    // The result of a call that must not report.
+    AutoRefPtr<IVariant> Result(const CallOutcome& outcome) {
+        EXPECT_TRUE(outcome.ok()) << (outcome.error() ? outcome.error()->message : "");
+        return AutoRefPtr<IVariant>(outcome.result);
+    }
+    AutoRefPtr<IVariant> Cert(const std::string& pem) { return Result(Call("Cryptography.X509FromPEM", {Str(pem)})); }
     AutoRefPtr<IVariant> CertFile(const std::string& name) { return Cert(CertFixture(name)); }
-    AutoRefPtr<IVariant> NewCert();
-    // A Cryptography.Key restored from a PEM fixture file.
-    AutoRefPtr<IVariant> KeyFile(const std::string& name);
-
-    std::string ToPEM(const AutoRefPtr<IVariant>& cert);
-    std::string ToDER(const AutoRefPtr<IVariant>& cert);
-    bool Boolean(std::string_view routine, Args args);
-    double Number(std::string_view routine, Args args);
-    // Runs a procedure and expects neither a status nor an error.
-    void Do(std::string_view routine, Args args);
+    AutoRefPtr<IVariant> NewCert() { return Result(Call("Cryptography.CreateX509", {})); }
+    AutoRefPtr<IVariant> KeyFile(const std::string& name) {
+        return Result(Call("Cryptography.KeyFromPEM", {Str(CertFixture(name))}));
+    }
+    std::string ToPEM(const AutoRefPtr<IVariant>& cert) { return ResultString(Call("Cryptography.ToPEM", {cert})); }
+    std::string ToDER(const AutoRefPtr<IVariant>& cert) { return ResultBytes(Call("Cryptography.ToDER", {cert})); }
+    bool Boolean(std::string_view routine, Args args) { return Result(Call(routine, std::move(args)))->GetBoolean(); }
+    double Number(std::string_view routine, Args args) { return Result(Call(routine, std::move(args)))->GetNumber(); }
+    void Do(std::string_view routine, Args args) { EXPECT_TRUE(Call(routine, std::move(args)).ok()) << routine; }
 };
-
-// The JSON value a result holds (null when none).
-nlohmann::json JsonResult(const CallOutcome& outcome);
 
 }  // namespace Testing

@@ -6,13 +6,12 @@ cd "$(dirname "$0")"
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 
-# Keys
+# Keys (those no test reads stay in the scratch folder)
 openssl genpkey -algorithm RSA -pkeyopt rsa_keygen_bits:2048 -out ca.key
-openssl genpkey -algorithm RSA -pkeyopt rsa_keygen_bits:2048 -out other_ca.key
+openssl genpkey -algorithm RSA -pkeyopt rsa_keygen_bits:2048 -out "$work/other_ca.key"
 openssl genpkey -algorithm RSA -pkeyopt rsa_keygen_bits:2048 -out server.key
 openssl genpkey -algorithm EC -pkeyopt ec_paramgen_curve:P-256 -out client.key
-openssl genpkey -algorithm EC -pkeyopt ec_paramgen_curve:P-256 -out v1.key
-openssl genpkey -algorithm X25519 -out x25519.key
+openssl genpkey -algorithm EC -pkeyopt ec_paramgen_curve:P-256 -out "$work/v1.key"
 
 cat > "$work/ext.cnf" <<'CNF'
 [ca]
@@ -47,8 +46,8 @@ openssl x509 -req -in "$work/ca.csr" -key ca.key -days 36500 -set_serial 1 \
     -extfile "$work/ext.cnf" -extensions ca -out ca.pem
 
 # Another CA with the same name and its own key.
-openssl req -new -key other_ca.key -subj "/C=DE/O=Ombrix Test/CN=Ombrix Test Root CA" -out "$work/other.csr"
-openssl x509 -req -in "$work/other.csr" -key other_ca.key -days 3650 -set_serial 2 \
+openssl req -new -key "$work/other_ca.key" -subj "/C=DE/O=Ombrix Test/CN=Ombrix Test Root CA" -out "$work/other.csr"
+openssl x509 -req -in "$work/other.csr" -key "$work/other_ca.key" -days 3650 -set_serial 2 \
     -extfile "$work/ext.cnf" -extensions ca -out other_ca.pem
 
 # Server leaf: many extensions, one with a private identifier, a repeated OU.
@@ -63,8 +62,8 @@ openssl x509 -req -in "$work/client.csr" -CA ca.pem -CAkey ca.key -days 3650 \
     -set_serial 3 -extfile "$work/ext.cnf" -extensions client -out client.pem
 
 # Version 1, self-signed, no extensions.
-openssl req -new -key v1.key -subj "/CN=version one" -out "$work/v1.csr"
-openssl x509 -req -in "$work/v1.csr" -key v1.key -days 3650 -set_serial 0 -out v1.pem
+openssl req -new -key "$work/v1.key" -subj "/CN=version one" -out "$work/v1.csr"
+openssl x509 -req -in "$work/v1.csr" -key "$work/v1.key" -days 3650 -set_serial 0 -out v1.pem
 
 # Version 3, self-signed, without basicConstraints.
 openssl req -new -key ca.key -subj "/CN=not a CA" -out "$work/noca.csr"

@@ -12,12 +12,13 @@ openssl rsa -in rsa.pem -RSAPublicKey_out -outform DER -out rsa.pub.der
 openssl pkey -in rsa.pem -aes-256-cbc -passout pass:$PASS -out rsa.encrypted.pem
 openssl rsa -in rsa.pem -traditional -aes128 -passout pass:$PASS -out rsa.traditional-encrypted.pem
 
-# EC prime256v1: PKCS#8 private, SEC1 private, SubjectPublicKeyInfo, DER forms.
+# EC prime256v1: PKCS#8 private, SEC1 private, SubjectPublicKeyInfo, DER forms
+# (the public one the bare point, the last 65 bytes of the SubjectPublicKeyInfo).
 openssl genpkey -algorithm EC -pkeyopt ec_paramgen_curve:prime256v1 -out ec.pem
 openssl ec -in ec.pem -out ec.traditional.pem
 openssl pkey -in ec.pem -pubout -out ec.pub.pem
 openssl ec -in ec.pem -outform DER -out ec.der
-openssl pkey -in ec.pem -pubout -outform DER -out ec.pub.spki.der
+openssl pkey -in ec.pem -pubout -outform DER | tail -c 65 > ec.pub.der
 
 # X25519: PKCS#8 private, SubjectPublicKeyInfo, DER forms.
 openssl genpkey -algorithm X25519 -out x25519.pem
