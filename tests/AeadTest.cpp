@@ -1,6 +1,6 @@
 // AES-GCM tokens and ChaCha20-Poly1305 through the engine.
 #include "../Cryptography/Codec.h"
-#include "SymmetricSupport.h"
+#include "VectorSupport.h"
 
 namespace Testing {
 namespace {

@@ -1,7 +1,7 @@
 // Cryptography.Hash over strings and buffers, and Cryptography.HashFile.
 #include <openssl/evp.h>
 
-#include "SymmetricSupport.h"
+#include "VectorSupport.h"
 
 namespace Testing {
 namespace {

@@ -1,6 +1,6 @@
 // Cryptography.HMAC and Cryptography.PKCS5PBKDF2HMAC against RFC 4231, RFC
 // 6070 and Wycheproof vectors, and their error reports.
-#include "SymmetricSupport.h"
+#include "VectorSupport.h"
 
 namespace Testing {
 namespace {

@@ -3,7 +3,7 @@
 #include <set>
 
 #include "../Cryptography/Codec.h"
-#include "SymmetricSupport.h"
+#include "VectorSupport.h"
 
 namespace Testing {
 namespace {

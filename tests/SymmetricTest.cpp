@@ -1,7 +1,7 @@
 // Encrypt, Decrypt, DataRefDecrypt and BytesToKey through the engine.
 #include <memory>
 
-#include "SymmetricSupport.h"
+#include "VectorSupport.h"
 
 namespace Testing {
 namespace {
