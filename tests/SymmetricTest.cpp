@@ -107,6 +107,29 @@ TEST_F(Symmetric, RoomCheckCountsOneBlock) {
     }
 }
 
+// Key-wrap ciphers write more than the rounded-up room in a single update;
+// the output must stay inside the buffer and the final room check reports it.
+TEST_F(Symmetric, KeyWrapOutputBeyondTheRoomIsReported) {
+    const struct {
+        const char* cipher;
+        size_t plain;
+        const char* needed;
+    } cases[] = {
+        {"id-aes128-wrap-pad", 17, "40, but there is only: 24"},
+        {"id-aes256-wrap-pad", 1, "24, but there is only: 8"},
+        {"id-aes128-wrap", 16, "32, but there is only: 24"},
+        {"des3-wrap", 16, "40, but there is only: 24"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.cipher);
+        const CallOutcome out = Encrypt(c.cipher, std::string(c.plain, 'p'), std::string(32, 'k'));
+        ExpectError(out, kFunctionError,
+                    std::string("Maybe corrupt input data. There is not enough space in the output buffer. Needed: ") +
+                        c.needed);
+        EXPECT_EQ(ResultBytes(out), "");
+    }
+}
+
 // Keys are cut or zero-extended to the cipher's key length; IVs are
 // zero-extended but never cut (OpenSSL reads only the length it needs).
 TEST_F(Symmetric, KeyAndIvAdjustment) {
