@@ -60,6 +60,36 @@ using SigPtr = std::unique_ptr<X509_SIG, SigFree>;
 // Above any iteration count or cost a key file needs for a fuzz input.
 constexpr unsigned long kLargestCheapParameter = 4096;
 
+// Walks DER elements in [at, end): whether an INTEGER above the cheap limit
+// sits anywhere inside, at any depth. What cannot be walked (indefinite or
+// overlong lengths, deep nesting) counts as large, so the input is left out.
+bool HasLargeInteger(const unsigned char* at, const unsigned char* end, int depth) {
+    if (depth > 8) return true;
+    while (at < end) {
+        if (end - at < 2) return true;
+        const unsigned char tag = at[0];
+        size_t length = at[1];
+        at += 2;
+        if (length & 0x80) {
+            const size_t width = length & 0x7f;
+            if (width == 0 || width > 3 || static_cast<size_t>(end - at) < width) return true;
+            length = 0;
+            for (size_t i = 0; i < width; ++i) length = (length << 8) | *at++;
+        }
+        if (static_cast<size_t>(end - at) < length) return true;
+        if (tag == 0x02) {
+            if (length > 8) return true;
+            unsigned long long value = 0;
+            for (size_t i = 0; i < length; ++i) value = (value << 8) | at[i];
+            if (value > kLargestCheapParameter) return true;
+        } else if ((tag & 0x20) && HasLargeInteger(at, at + length, depth + 1)) {
+            return true;
+        }
+        at += length;
+    }
+    return false;
+}
+
 }  // namespace
 
 Engine& ModuleEngine() {
@@ -172,14 +202,7 @@ bool CostlyEncryptedPEM(std::string_view text) {
         unsigned char* rawEncoded = nullptr;
         const int size = i2d_X509_ALGOR(algorithm, &rawEncoded);
         const Freed<unsigned char> encoded(rawEncoded);
-        // Any INTEGER of up to 8 bytes inside the parameters, at any depth.
-        for (int i = 0; i + 1 < size && !costly; ++i) {
-            const int width = encoded.get()[i + 1];
-            if (encoded.get()[i] != 0x02 || width < 1 || width > 8 || i + 2 + width > size) continue;
-            unsigned long long value = 0;
-            for (int b = 0; b < width; ++b) value = (value << 8) | encoded.get()[i + 2 + b];
-            costly = value > kLargestCheapParameter;
-        }
+        costly = size <= 0 || HasLargeInteger(encoded.get(), encoded.get() + size, 0);
         if (costly) break;
     }
     ERR_clear_error();
