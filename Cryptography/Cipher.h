@@ -132,4 +132,10 @@ private:
 // a full extra block when already whole. Throws for a block size <= 0.
 uint64_t EncryptedSize(const EVP_CIPHER* cipher, uint64_t length);
 
+// Bytes an output buffer keeps beyond the room it declares. Key-wrap ciphers
+// write up to two blocks more than EncryptedSize in one update (the integrity
+// block and the padding); the room check only finds that afterwards, so the
+// write must still land inside the buffer.
+constexpr uint64_t kOutputSlack = EVP_MAX_BLOCK_LENGTH;
+
 }  // namespace OpenSSL

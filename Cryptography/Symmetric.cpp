@@ -39,10 +39,11 @@ AutoRefPtr<Data> EncryptBytes(const std::string& cipherName, std::string_view pl
         std::optional<OpenSSL::InitVector> initVector;
         if (iv && iv->GetSize() != 0) initVector.emplace(iv, cipher);
 
-        std::string output(OpenSSL::EncryptedSize(cipher, plaintext.size()), '\0');
+        const uint64_t capacity = OpenSSL::EncryptedSize(cipher, plaintext.size());
+        std::string output(capacity + OpenSSL::kOutputSlack, '\0');
         auto* out = reinterpret_cast<unsigned char*>(output.data());
         auto encrypter = OpenSSL::CEncrypter::Create(cipher, key, initVector ? &*initVector : nullptr, out,
-                                                     output.size(), true);
+                                                     capacity, true);
         if (!plaintext.empty()) encrypter->Update(Bytes(plaintext), plaintext.size());
         output.resize(encrypter->Final());
         result->Assign(std::move(output));

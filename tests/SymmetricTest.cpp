@@ -33,13 +33,14 @@ TEST_F(Symmetric, WycheproofAesCbcPkcs5) {
     });
 }
 
+const std::string kRoom = "Maybe corrupt input data. There is not enough space in the output buffer. Needed: ";
+
 // Before every OpenSSL call one whole block of room must remain; decryption
 // gets exactly the ciphertext's length, so a stream cipher fails at the end.
 TEST_F(Symmetric, RoomCheckCountsOneBlock) {
     for (const auto& [cipher, needed] : {std::pair{"AES-128-CBC", "16"}, {"DES-EDE3-CBC", "8"}, {"AES-128-CTR", "6"}})
         ExpectEmptyResult(cipher, Run("DataRefDecrypt", Dat("ccccc"), cipher, std::string(32, 'k')),
-                          "Maybe corrupt input data. There is not enough space in the output buffer. Needed: " +
-                              std::string(needed) + ", but there is only: 5");
+                          kRoom + needed + ", but there is only: 5");
 }
 
 // Keys are cut or zero-extended to the cipher's key length; IVs are zero-extended but never cut (OpenSSL
@@ -82,6 +83,11 @@ TEST_F(Symmetric, FailuresAreReportedWithTheirTexts) {
         {"ombrix_module_BytesToKey", derive("aes-999-cbc", "sha256", 1), "Cipher \"aes-999-cbc\" not supported."},
         {"ombrix_module_BytesToKey", derive("aes-256-cbc", "sha999", 1), "Digest \"sha999\" not supported."},
         {"ombrix_module_BytesToKey", derive("aes-128-cbc", "sha256", -1), ""},  // a negative count: no key
+        // Key-wrap ciphers write past the rounded-up room in one update: reported, never written out of bounds.
+        {"ombrix_module_Encrypt", {Str("id-aes128-wrap-pad"), Str(std::string(17, 'p')), Str(key)}, kRoom + "40, but there is only: 24"},
+        {"ombrix_module_Encrypt", {Str("id-aes256-wrap-pad"), Str("p"), Str(key)}, kRoom + "24, but there is only: 8"},
+        {"ombrix_module_Encrypt", {Str("id-aes128-wrap"), Str(std::string(16, 'p')), Str(key)}, kRoom + "32, but there is only: 24"},
+        {"ombrix_module_Encrypt", {Str("des3-wrap"), Str(std::string(16, 'p')), Str(key)}, kRoom + "40, but there is only: 24"},
     };
     for (const auto& c : cases) ExpectEmptyResult(c.entry, CallEntry(c.entry, c.args), c.message);
     // Count 0 runs no extra round, as 1 does.

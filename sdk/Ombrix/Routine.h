@@ -259,7 +259,7 @@ uint32_t Invoke(uint32_t argumentCount, IVariant** arguments, IVariant* result, 
     constexpr size_t kCount = std::tuple_size_v<Params> - (Sig::kTakesContext ? 1 : 0);
     using Converted = decltype(DropLast<Params>(std::make_index_sequence<kCount>{}));
 
-    auto assignEmpty = [result] {
+    auto assignEmpty = [&] {
         if constexpr (!std::is_void_v<R>) {
             if (result) Result<R>::AssignEmpty(*result);
         }
