@@ -134,12 +134,21 @@ std::string Assemble() {
     return text;
 }
 
-// One left-to-right pass; the search resumes after each replacement.
+// One left-to-right pass; the search resumes after each replacement. No
+// replacement is longer than its pattern, so the text is compacted in place and
+// its buffer never moves: a pointer handed out earlier stays valid.
 void ReplaceAll(std::string& text, std::string_view pattern, std::string_view replacement) {
-    for (size_t pos = text.find(pattern); pos != std::string::npos; pos = text.find(pattern, pos)) {
-        text.replace(pos, pattern.size(), replacement);
-        pos += replacement.size();
+    size_t write = 0;
+    for (size_t read = 0; read < text.size();) {
+        if (text.compare(read, pattern.size(), pattern) == 0) {
+            text.replace(write, replacement.size(), replacement.data(), replacement.size());
+            write += replacement.size();
+            read += pattern.size();
+        } else {
+            text[write++] = text[read++];
+        }
     }
+    text.resize(write);
 }
 
 std::string& DefinitionText() {

@@ -1,4 +1,6 @@
 // Loading: the data exports and the definition text.
+#include <dlfcn.h>
+
 #include "Harness.h"
 
 namespace Testing {
@@ -16,6 +18,11 @@ TEST(ModuleFrame, DataExportsAndDefinitionAreExact) {
         {"GetSupportedPlatforms", "linux,mac,windows"}};
     for (const auto& [name, value] : expected) EXPECT_EQ(module.exports.count(name) ? module.exports.at(name) : "(missing)", value) << name;
     EXPECT_EQ(module.definition, ReadFile(DataPath("module_definition.txt")));
+    // Asking again normalises nothing more and hands out the same buffer.
+    auto definition = reinterpret_cast<const char* (*)()>(dlsym(module.handle, "GetModuleDefinition"));
+    const char* first = definition();
+    EXPECT_EQ(definition(), first);
+    EXPECT_EQ(first, module.definition);
 }
 
 }  // namespace
