@@ -13,20 +13,9 @@
 
 #include "Ombrix/Interfaces.h"
 #include "openssl/Handles.h"
+#include "openssl/WipeOnExit.h"
 
 namespace OpenSSL {
-
-// Overwrites a string's bytes with zeros when the scope ends, on every path.
-class WipeOnExit {
-public:
-    explicit WipeOnExit(std::string& secret) noexcept : secret_(secret) {}
-    WipeOnExit(const WipeOnExit&) = delete;
-    WipeOnExit& operator=(const WipeOnExit&) = delete;
-    ~WipeOnExit() { OPENSSL_cleanse(secret_.data(), secret_.size()); }
-
-private:
-    std::string& secret_;
-};
 
 // Key bytes handed to a cipher that reads a fixed number of them. The
 // caller's bytes are used in place when there are enough; a shorter key is

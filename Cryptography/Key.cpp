@@ -7,9 +7,9 @@
 #include <string_view>
 
 #include "Codec.h"
-#include "KeySupport.h"
 #include "Ombrix/Json.h"
 #include "Routine.h"
+#include "openssl/WipeOnExit.h"
 
 namespace Cryptography {
 
@@ -117,14 +117,14 @@ std::string Key::GetModulus() const {
 Ombrix::AutoRefPtr<Ombrix::IJSON> Key::Interface_Serialize() const {
     auto json = Ombrix::JSON::JSONWrapper::Make();
     std::string pem = ToPEM(false);
-    const CleanseOnExit wipe(pem);
+    const OpenSSL::WipeOnExit wipe(pem);
     if (!json->SetMemberString("value", pem.data(), pem.size())) return nullptr;
     return Ombrix::AutoRefPtr<Ombrix::IJSON>(std::move(json));
 }
 
 bool Key::Interface_Deserialize(const Ombrix::IJSON* json) {
     std::string pem;
-    const CleanseOnExit wipe(pem);
+    const OpenSSL::WipeOnExit wipe(pem);
     if (!json || !json->GetMemberString("value", pem)) return false;
     return FromPEM(pem.c_str(), nullptr);
 }

@@ -3,9 +3,9 @@
 #include <openssl/x509.h>
 
 #include "Key.h"
-#include "KeySupport.h"
 #include "Ombrix/Data.h"
 #include "Routine.h"
+#include "openssl/WipeOnExit.h"
 
 namespace Cryptography {
 namespace {
@@ -17,7 +17,7 @@ using Ombrix::IContext;
 // The text ends at its first zero byte. Unreadable PEM gives an empty Key and
 // no report: callers test IsValid.
 AutoRefPtr<Key> KeyFromText(std::string& text, const char* password, IContext* context) {
-    const CleanseOnExit wipe(text);
+    const OpenSSL::WipeOnExit wipe(text);
     AutoRefPtr<Key> key = Key::New(context);
     if (key) key->FromPEM(text.c_str(), password);
     return key;
@@ -26,7 +26,7 @@ AutoRefPtr<Key> KeyFromText(std::string& text, const char* password, IContext* c
 AutoRefPtr<Key> PEMToKey(std::string text, IContext* context) { return KeyFromText(text, nullptr, context); }
 
 AutoRefPtr<Key> EncryptedPEMToKey(std::string text, std::string password, IContext* context) {
-    const CleanseOnExit wipe(password);
+    const OpenSSL::WipeOnExit wipe(password);
     return KeyFromText(text, password.c_str(), context);
 }
 

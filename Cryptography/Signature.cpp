@@ -9,9 +9,9 @@
 
 #include "Algorithms.h"
 #include "Key.h"
-#include "KeySupport.h"
 #include "Ombrix/Data.h"
 #include "Routine.h"
+#include "openssl/WipeOnExit.h"
 
 namespace Cryptography {
 namespace {
@@ -97,7 +97,7 @@ AutoRefPtr<Data> SignWithPEM(const IDataRef* keyBuffer, IContext* context, SignW
         return Data::Make();
     }
     Ombrix::DataBytes pem(keyBuffer);
-    const CleanseOnExit wipe(pem.copy());
+    const OpenSSL::WipeOnExit wipe(pem.copy());
     EVP_PKEY* raw = nullptr;
     const OpenSSL::DecoderContextPtr decoder(
         OSSL_DECODER_CTX_new_for_pkey(&raw, "PEM", nullptr, "RSA", EVP_PKEY_KEYPAIR, nullptr, nullptr));
