@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "Ombrix/Routine.h"
 #include "Ombrix/TypeCodes.h"
 
 namespace Cryptography::HostImports {
@@ -115,8 +116,8 @@ public:
         const uint32_t status =
             resolved->entry(static_cast<uint32_t>(raw.size()), raw.data(), result.get(), resolved->opaque, context);
         if (status != 0) {
-            const uint32_t kind = status & 0xffffu;
-            const std::string position = std::to_string(status >> 16);
+            const uint32_t kind = Ombrix::StatusKindOf(status);
+            const std::string position = std::to_string(Ombrix::StatusPosition(status));
             std::string message;
             if (kind == 2)
                 message = "invalid parameter " + position + " in ";
