@@ -168,6 +168,7 @@ Engine::~Engine() {
     // Modules are deregistered in reverse order. Their libraries stay mapped:
     // OpenSSL pins itself in memory anyway, and module code may still be
     // referenced from process-wide state.
+    overloads_.clear();
     declarations_.clear();
     for (auto it = modules_.rbegin(); it != modules_.rend(); ++it) {
         LoadedModule& module = **it;
@@ -258,7 +259,10 @@ void Engine::Bind(LoadedModule& module, std::vector<Declaration> declarations) {
             if (!symbol) module.unresolved.push_back(d.entryName);
         }
         auto owned = std::make_unique<Declaration>(std::move(d));
-        if (owned->kind == Declaration::Kind::Type) typeDeclarations_[owned->resultCode] = owned.get();
+        if (owned->kind == Declaration::Kind::Type)
+            typeDeclarations_[owned->resultCode] = owned.get();
+        else
+            overloads_[owned->name].push_back(owned.get());
         declarations_.push_back(std::move(owned));
     }
 }
@@ -315,11 +319,10 @@ std::vector<std::string> Engine::Unresolved() const {
     return names;
 }
 
-std::vector<const Declaration*> Engine::Overloads(std::string_view name) const {
-    std::vector<const Declaration*> found;
-    for (const auto& d : declarations_)
-        if (d->kind != Declaration::Kind::Type && d->name == name) found.push_back(d.get());
-    return found;
+const std::vector<const Declaration*>& Engine::Overloads(std::string_view name) const {
+    static const std::vector<const Declaration*> none;
+    auto it = overloads_.find(name);
+    return it == overloads_.end() ? none : it->second;
 }
 
 std::vector<std::string> Engine::Namespaces() const {
@@ -341,7 +344,7 @@ std::vector<std::string> Engine::RoutineNames(std::string_view ns) const {
 }
 
 const Declaration* Engine::Choose(std::string_view name, const std::vector<AutoRefPtr<IVariant>>& arguments) const {
-    std::vector<const Declaration*> overloads = Overloads(name);
+    const std::vector<const Declaration*>& overloads = Overloads(name);
     if (overloads.empty()) return nullptr;
     for (const Declaration* d : overloads) {
         if (d->parameterCodes.size() != arguments.size()) continue;

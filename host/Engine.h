@@ -119,7 +119,7 @@ public:
     AutoRefPtr<IUserDefinedType> Deserialize(std::string_view typeName, std::string_view jsonText);
 
     // Declarations by script name (overloads in declaration order).
-    std::vector<const Declaration*> Overloads(std::string_view name) const;
+    const std::vector<const Declaration*>& Overloads(std::string_view name) const;
     std::vector<std::string> Namespaces() const;
     std::vector<std::string> RoutineNames(std::string_view ns) const;
     // The overload whose parameter codes match the arguments exactly; else the
@@ -149,6 +149,8 @@ private:
     AutoRefPtr<EventScheduler> scheduler_;
     std::vector<std::unique_ptr<LoadedModule>> modules_;
     std::vector<std::unique_ptr<Declaration>> declarations_;
+    // Routine declarations by script name, built at binding so calls need no scan.
+    std::map<std::string, std::vector<const Declaration*>, std::less<>> overloads_;
     std::map<std::string, uint32_t, std::less<>> types_;        // single custom types
     std::map<uint32_t, const Declaration*> typeDeclarations_;   // code -> TYPE declaration
 };
