@@ -4,6 +4,7 @@
 #include <exception>
 
 #include "Context.h"
+#include "Help.h"
 #include "LuaValues.h"
 #include "Ombrix/Json.h"
 #include "Ombrix/Routine.h"
@@ -315,6 +316,7 @@ void OpenEngine(lua_State* L, Engine& engine, const std::string& executable) {
     SetFunction(L, "modules", Protected<Modules>, engine);
     SetFunction(L, "log", Protected<Log>, engine);
     SetString(L, "executable", executable);
+    OpenHelp(L, engine);
     lua_setglobal(L, "Ombrix");
 }
 
