@@ -11,6 +11,8 @@
 #         | --tls-server DIR                  openssl s_server on 127.0.0.1 with
 #                                             DIR/server.pem and DIR/server-key.pem
 #         | cmp FILE FILE                     the two files must be identical
+#         | check NAME ARGS...                check_NAME.sh beside this script
+#                                             must exit 0
 #
 # WORK is emptied first and is the working folder. It holds sample.txt, 150000
 # bytes of text (more than one 100000-byte chunk). In arguments @WORK@ stands
@@ -64,6 +66,7 @@ run_step() {  # the words of one step
   done
   case ${words[0]} in
     --tls-server) start_server "${words[1]}"; return ;;
+    check) "$(dirname "$0")/check_${words[1]}.sh" "${words[@]:2}" || fail "check ${words[1]} failed"; return ;;
     cmp) cmp "${words[1]}" "${words[2]}" || fail "${words[1]} and ${words[2]} differ"; echo "same: ${words[*]:1}"; return ;;
   esac
   local script=$examples/${words[0]}
