@@ -1,18 +1,31 @@
 #!/usr/bin/env ombrix
--- Builds a self-signed certificate authority and a server certificate it
--- signs, and describes both. With a directory, also writes them there as
--- ca.pem, server.pem and server-key.pem, ready for a test server:
+-- Builds a small certificate authority and a server certificate it signs,
+-- and describes both. With a directory, also writes them there as PEM files
+-- ready for a test server: ca.pem and ca-key.pem, server.pem and
+-- server-key.pem (the two keys readable by their owner only).
 --
 --   ombrix examples/make_ca.lua [SERVER-NAME [DIRECTORY]]
 --
 --   ombrix examples/make_ca.lua localhost /tmp/pki
---   openssl s_server -accept 4433 -cert /tmp/pki/server.pem -key /tmp/pki/server-key.pem -www &
+--   openssl s_server -accept 127.0.0.1:4433 -cert /tmp/pki/server.pem -key /tmp/pki/server-key.pem -www &
 --   ombrix examples/https_get.lua localhost / 4433 /tmp/pki/ca.pem
+--
+-- Keys are EC P-256. The CA is valid for five years and the server
+-- certificate for 397 days, the longest that browsers accept. Serial numbers
+-- are random: SetSerialNumber takes a 32-bit signed value, so they are drawn
+-- from 1 to 2^31-1 (public CAs use 64 random bits or more; this tool cannot).
 local X = Cryptography
 local serverName, directory = ...
 serverName = serverName or "localhost"
 
 local DAY = 86400
+
+-- A random positive 31-bit serial: four random bytes with the top bit cleared.
+local function randomSerial()
+  local a, b, c, d = X.CreateRandomBytes(4):bytes():byte(1, 4)
+  local serial = ((a & 0x7f) << 24) | (b << 16) | (c << 8) | d
+  return serial ~= 0 and serial or 1
+end
 
 -- A version 3 certificate with names, validity and public key, not yet signed.
 local function draft(subject, issuer, key, serial, days)
@@ -21,24 +34,26 @@ local function draft(subject, issuer, key, serial, days)
   X.SetSerialNumber(cert, serial)
   for _, entry in ipairs(subject) do X.SetSubjectName(cert, entry[1], entry[2]) end
   for _, entry in ipairs(issuer) do X.SetIssuerName(cert, entry[1], entry[2]) end
-  X.AdjustNotBefore(cert, 0)         -- seconds from now
-  X.AdjustNotAfter(cert, days * DAY)
+  -- Offsets in seconds from now. Valid from five minutes back (for clocks that
+  -- run behind) for exactly the given number of days.
+  X.AdjustNotBefore(cert, -300)
+  X.AdjustNotAfter(cert, days * DAY - 300)
   X.SetKey(cert, key)
   return cert
 end
 
 local caName = { { "O", "Ombrix Example" }, { "CN", "Ombrix Example CA" } }
-local caKey = X.GenerateRSAKey(2048)
-local ca = draft(caName, caName, caKey, 1, 3650)
-X.AddExtension(ca, "basicConstraints", "critical,CA:TRUE")
+local caKey = X.GenerateECKey()     -- P-256
+local ca = draft(caName, caName, caKey, randomSerial(), 5 * 365)
+X.AddExtension(ca, "basicConstraints", "critical,CA:TRUE,pathlen:0")
 X.AddExtension(ca, "keyUsage", "critical,keyCertSign,cRLSign")
 X.AddExtension(ca, "subjectKeyIdentifier", "hash")
 X.Sign(ca, caKey)                    -- always last: any later change voids it
 
-local serverKey = X.GenerateRSAKey(2048)
-local server = draft({ { "CN", serverName } }, caName, serverKey, 2, 365)
-X.AddExtension(server, "basicConstraints", "CA:FALSE")
-X.AddExtension(server, "keyUsage", "critical,digitalSignature,keyEncipherment")
+local serverKey = X.GenerateECKey()
+local server = draft({ { "CN", serverName } }, caName, serverKey, randomSerial(), 397)
+X.AddExtension(server, "basicConstraints", "critical,CA:FALSE")
+X.AddExtension(server, "keyUsage", "critical,digitalSignature")   -- an EC key only signs
 X.AddExtension(server, "extendedKeyUsage", "serverAuth")
 X.AddExtension(server, "subjectAltName", "DNS:" .. serverName)
 X.Sign(server, caKey)                -- issued by the CA
@@ -65,16 +80,23 @@ describe("Certificate authority", ca)
 describe("Server certificate for " .. serverName, server)
 
 if directory then
+  local function quote(text) return "'" .. text:gsub("'", "'\\''") .. "'" end
   local files = {
     { "ca.pem", X.ToPEM(ca) },
+    { "ca-key.pem", X.ToPEM(caKey), private = true },
     { "server.pem", X.ToPEM(server) },
-    { "server-key.pem", X.ToPEM(serverKey) },   -- the private key: keep it private
+    { "server-key.pem", X.ToPEM(serverKey), private = true },
   }
   for _, entry in ipairs(files) do
     local path = directory .. "/" .. entry[1]
+    if entry.private then
+      -- Mode 0600 before the key is written, also when the file existed.
+      assert(os.execute(("umask 077 && : > %s && chmod 600 %s"):format(quote(path), quote(path))),
+             "cannot create " .. path)
+    end
     local file = assert(io.open(path, "w"))
     file:write(entry[2])
     file:close()
-    print("wrote " .. path)
+    print("wrote " .. path .. (entry.private and " (mode 0600)" or ""))
   end
 end

@@ -1,6 +1,7 @@
 // The host interfaces as both sides compile them. Slot orders of IVariant,
 // IDataRef, IUserDefinedType, IContext and IModuleInfo are part of the ABI and
 // must not change; the others were fixed once by this SDK.
+// How hosts and modules use them (load sequence, calls, type codes, threads, ABI): docs/host-sdk.md
 #pragma once
 
 #include <cstdint>
