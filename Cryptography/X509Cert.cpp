@@ -6,6 +6,7 @@
 
 #include "Ombrix/Json.h"
 #include "Routine.h"
+#include "openssl/NoPassphrase.h"
 
 namespace Cryptography {
 
@@ -17,7 +18,7 @@ bool X509Cert::ImportPEM(const char* text) {
     if (!text) return false;
     OpenSSL::BioPtr bio(BIO_new_mem_buf(text, -1));
     if (!bio) return false;
-    X509* read = PEM_read_bio_X509(bio.get(), nullptr, nullptr, nullptr);
+    X509* read = PEM_read_bio_X509(bio.get(), nullptr, OpenSSL::NoPassphrase, nullptr);
     if (!read) return false;
     cert_.reset(read);
     return true;
