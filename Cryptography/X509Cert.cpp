@@ -1,5 +1,6 @@
 #include "X509Cert.h"
 
+#include <openssl/err.h>
 #include <openssl/pem.h>
 
 #include <climits>
@@ -66,6 +67,7 @@ X509* X509Cert::GetOrCreate() noexcept {
 Ombrix::AutoRefPtr<Ombrix::IJSON> X509Cert::Interface_Serialize() const {
     auto json = Ombrix::JSON::JSONWrapper::Make();
     const std::string pem = ToPEM();
+    ERR_clear_error();
     if (!json->SetMemberString("value", pem.data(), pem.size())) return nullptr;
     return Ombrix::AutoRefPtr<Ombrix::IJSON>(std::move(json));
 }
@@ -73,7 +75,10 @@ Ombrix::AutoRefPtr<Ombrix::IJSON> X509Cert::Interface_Serialize() const {
 bool X509Cert::Interface_Deserialize(const Ombrix::IJSON* json) {
     std::string pem;
     if (!json || !json->GetMemberString("value", pem)) return false;
-    return ImportPEM(pem.c_str());
+    // The host calls this outside any routine: leave no OpenSSL error behind.
+    const bool read = ImportPEM(pem.c_str());
+    ERR_clear_error();
+    return read;
 }
 
 }  // namespace Cryptography
