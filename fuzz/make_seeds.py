@@ -240,7 +240,7 @@ def tls_seeds():
     # a real server: chunks of (length, action, bytes)
     chunks = bytes([5, 0]) + b"hello" + bytes([0, 2]) + bytes([3, 1]) + b"\x15\x03\x03" + bytes([0, 3])
     write("tls_peer", "server-tls13", bytes([0x01]) + chunks)
-    write("tls_peer", "server-tls12", bytes([0x21]) + chunks)
+    write("tls_peer", "server-tls12", bytes([0x22]) + chunks)  # 0x22 % 3 == 1, 0x20: TLS 1.2 at most
 
 
 # ---- cert_fields and restore ----

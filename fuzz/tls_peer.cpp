@@ -1,5 +1,7 @@
-// The remote side of the TLS routines. The first input byte picks a mode and
-// options; the rest is what the peer sends.
+// The remote side of the TLS routines. The first input byte picks the mode
+// (its value modulo 3) and options (0x10: the session verifies against the
+// test CA; 0x20: the libssl server stops at TLS 1.2); the rest is what the
+// peer sends.
 //   raw:    a socket pair whose far end holds the input bytes (then end of
 //           stream): CreateSSL + Connect parse a fuzzed server flight
 //           (records, ServerHello, certificates, key exchange).
@@ -17,6 +19,8 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <cstdio>
+#include <cstdlib>
 #include <functional>
 #include <memory>
 #include <thread>
@@ -58,11 +62,17 @@ AutoRefPtr<IVariant> Session(uint8_t flags) {
 // Connect until it succeeds or fails; between attempts, pump() moves the peer.
 bool Handshake(const AutoRefPtr<IVariant>& session, int fd, const std::function<void()>& pump) {
     for (int attempt = 0; attempt < 64; ++attempt) {
-        if (ResultBoolean(Call("Cryptography.Connect", {session, Num(fd)}))) return true;
+        if (ResultBoolean(Call("Cryptography.Connect", {session, Num(fd)}))) {
+            if (std::getenv("FUZZ_TRACE")) std::fprintf(stderr, "handshake: connected\n");
+            return true;
+        }
         const double state = ResultNumber(Call("Cryptography.State", {session}));
         if (state != 2 && state != 3) break;
         pump();
     }
+    if (std::getenv("FUZZ_TRACE"))  // FUZZ_TRACE=1: how far each input's handshake got
+        std::fprintf(stderr, "handshake: state %g, %s\n", ResultNumber(Call("Cryptography.State", {session})),
+                     ResultString(Call("Cryptography.Error", {session})).c_str());
     Call("Cryptography.Error", {session});
     return false;
 }
