@@ -13,6 +13,7 @@
 #include "Key.h"
 #include "Routine.h"
 #include "X509Cert.h"
+#include "openssl/NoPassphrase.h"
 
 namespace Cryptography {
 
@@ -140,7 +141,7 @@ JsonRef PEMToJson(std::string text, IContext* context) {
         if (!bio) return document;
         if (!text.empty() && BIO_write(bio.get(), text.data(), static_cast<int>(std::min<size_t>(text.size(), INT_MAX))) <= 0)
             return document;
-        cert.reset(PEM_read_bio_X509(bio.get(), nullptr, nullptr, nullptr));
+        cert.reset(PEM_read_bio_X509(bio.get(), nullptr, OpenSSL::NoPassphrase, nullptr));
     }
     if (!cert) return document;
     const X509* x = cert.get();

@@ -1,6 +1,7 @@
 #include "Key.h"
 
 #include <openssl/core_names.h>
+#include <openssl/err.h>
 #include <openssl/pem.h>
 
 #include <cstring>
@@ -117,6 +118,7 @@ std::string Key::GetModulus() const {
 Ombrix::AutoRefPtr<Ombrix::IJSON> Key::Interface_Serialize() const {
     auto json = Ombrix::JSON::JSONWrapper::Make();
     std::string pem = ToPEM(false);
+    ERR_clear_error();
     const OpenSSL::WipeOnExit wipe(pem);
     if (!json->SetMemberString("value", pem.data(), pem.size())) return nullptr;
     return Ombrix::AutoRefPtr<Ombrix::IJSON>(std::move(json));
@@ -126,7 +128,10 @@ bool Key::Interface_Deserialize(const Ombrix::IJSON* json) {
     std::string pem;
     const OpenSSL::WipeOnExit wipe(pem);
     if (!json || !json->GetMemberString("value", pem)) return false;
-    return FromPEM(pem.c_str(), nullptr);
+    // The host calls this outside any routine: leave no OpenSSL error behind.
+    const bool read = FromPEM(pem.c_str(), nullptr);
+    ERR_clear_error();
+    return read;
 }
 
 }  // namespace Cryptography

@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "Routine.h"
+#include "openssl/NoPassphrase.h"
 
 namespace Cryptography {
 
@@ -110,6 +111,8 @@ bool SSLWrapper::ConfigureContext(SSL_CTX* context, const TlsConfiguration& c) {
         RecordFailure("Failed to set minimum TLS version");
         return false;
     }
+    // Key and certificate files never ask for a pass phrase on a terminal.
+    SSL_CTX_set_default_passwd_cb(context, OpenSSL::NoPassphrase);
     SSL_CTX_set_verify(context, c.verify ? SSL_VERIFY_PEER : SSL_VERIFY_NONE, nullptr);
     SSL_CTX_set_mode(context, SSL_MODE_ENABLE_PARTIAL_WRITE | SSL_MODE_ACCEPT_MOVING_WRITE_BUFFER | SSL_MODE_AUTO_RETRY);
 

@@ -11,6 +11,7 @@
 #include "Key.h"
 #include "Ombrix/Data.h"
 #include "Routine.h"
+#include "openssl/NoPassphrase.h"
 #include "openssl/WipeOnExit.h"
 
 namespace Cryptography {
@@ -103,7 +104,9 @@ AutoRefPtr<Data> SignWithPEM(const IDataRef* keyBuffer, IContext* context, SignW
         OSSL_DECODER_CTX_new_for_pkey(&raw, "PEM", nullptr, "RSA", EVP_PKEY_KEYPAIR, nullptr, nullptr));
     const auto* bytes = reinterpret_cast<const unsigned char*>(pem.data());
     size_t length = pem.size();
-    const bool decoded = decoder && OSSL_DECODER_from_data(decoder.get(), &bytes, &length) == 1;
+    // An encrypted key fails here instead of asking for a pass phrase.
+    const bool decoded = decoder && OSSL_DECODER_CTX_set_passphrase_cb(decoder.get(), OpenSSL::NoDecoderPassphrase, nullptr) &&
+                         OSSL_DECODER_from_data(decoder.get(), &bytes, &length) == 1;
     OpenSSL::PKeyPtr pkey(raw);
     if (!decoded || !pkey) return Data::Make();
     AutoRefPtr<Key> key = Key::New(context);

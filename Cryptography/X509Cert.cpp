@@ -1,11 +1,13 @@
 #include "X509Cert.h"
 
+#include <openssl/err.h>
 #include <openssl/pem.h>
 
 #include <climits>
 
 #include "Ombrix/Json.h"
 #include "Routine.h"
+#include "openssl/NoPassphrase.h"
 
 namespace Cryptography {
 
@@ -17,7 +19,7 @@ bool X509Cert::ImportPEM(const char* text) {
     if (!text) return false;
     OpenSSL::BioPtr bio(BIO_new_mem_buf(text, -1));
     if (!bio) return false;
-    X509* read = PEM_read_bio_X509(bio.get(), nullptr, nullptr, nullptr);
+    X509* read = PEM_read_bio_X509(bio.get(), nullptr, OpenSSL::NoPassphrase, nullptr);
     if (!read) return false;
     cert_.reset(read);
     return true;
@@ -65,6 +67,7 @@ X509* X509Cert::GetOrCreate() noexcept {
 Ombrix::AutoRefPtr<Ombrix::IJSON> X509Cert::Interface_Serialize() const {
     auto json = Ombrix::JSON::JSONWrapper::Make();
     const std::string pem = ToPEM();
+    ERR_clear_error();
     if (!json->SetMemberString("value", pem.data(), pem.size())) return nullptr;
     return Ombrix::AutoRefPtr<Ombrix::IJSON>(std::move(json));
 }
@@ -72,7 +75,10 @@ Ombrix::AutoRefPtr<Ombrix::IJSON> X509Cert::Interface_Serialize() const {
 bool X509Cert::Interface_Deserialize(const Ombrix::IJSON* json) {
     std::string pem;
     if (!json || !json->GetMemberString("value", pem)) return false;
-    return ImportPEM(pem.c_str());
+    // The host calls this outside any routine: leave no OpenSSL error behind.
+    const bool read = ImportPEM(pem.c_str());
+    ERR_clear_error();
+    return read;
 }
 
 }  // namespace Cryptography

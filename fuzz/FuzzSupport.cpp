@@ -94,6 +94,9 @@ bool HasLargeInteger(const unsigned char* at, const unsigned char* end, int dept
 
 Engine& ModuleEngine() {
     static Engine* engine = [] {
+        // Read by OpenSSL when a session loads the default CA locations.
+        setenv("SSL_CERT_FILE", DataPath("tls/ca.pem").c_str(), 1);
+        setenv("SSL_CERT_DIR", DataPath("tls").c_str(), 1);
         auto* created = new Engine;
         try {
             created->Load(CRYPTOGRAPHY_MODULE_PATH);
@@ -167,6 +170,31 @@ void ExerciseCertificate(const AutoRefPtr<IVariant>& cert) {
 }
 
 std::string DataPath(const std::string& name) { return std::string(FUZZ_TEST_DATA_DIR) + "/" + name; }
+
+std::string FixturePath(const std::string& chosen) {
+    // Encrypted keys among them: without a password they are refused, never prompted for.
+    static constexpr const char* kFixtures[] = {
+        "tls/ca.pem",  "tls/client.pem", "tls/client.key", "tls/stray-ec.key", "certs/bundle.pem",
+        "certs/ca.key", "keys/ec.pem",   "keys/x25519.pem", "keys/rsa.encrypted.pem",
+        "keys/rsa.traditional-encrypted.pem", "tls", "certs", "no-such-file", ""};
+    for (const char* fixture : kFixtures)
+        if (chosen == fixture) return *fixture ? DataPath(fixture) : std::string();
+    size_t hash = 0;
+    for (unsigned char c : chosen) hash = hash * 31 + c;
+    const std::string fixture = kFixtures[hash % std::size(kFixtures)];
+    return fixture.empty() ? fixture : DataPath(fixture);
+}
+
+void RestrictFileSettings(Ombrix::IJSON& configuration) {
+    if (!configuration.IsObject()) return;
+    for (const char* setting : {"CAFile", "CAPath", "Cert", "Key"}) {
+        std::string chosen;
+        if (configuration.GetMemberString(setting, chosen)) {
+            const std::string path = FixturePath(chosen);
+            configuration.SetMemberString(setting, path.data(), path.size());
+        }
+    }
+}
 
 std::string ReadFile(const std::string& path) {
     std::ifstream in(path, std::ios::binary);

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "Engine.h"
+#include "Ombrix/Interfaces.h"
 
 namespace Fuzz {
 
@@ -47,6 +48,15 @@ bool HasObject(const AutoRefPtr<IVariant>& value);
 void ExerciseCertificate(const AutoRefPtr<IVariant>& cert);
 
 std::string DataPath(const std::string& name);  // a file of tests/data
+
+// A test fixture for a file name taken from the input: the fixture of that
+// name, else one chosen by a hash of the name (files are read from disk, so
+// arbitrary paths would read arbitrary files, devices or FIFOs).
+std::string FixturePath(const std::string& chosen);
+// Rewrites the file settings of a CreateSSL configuration ("CAFile", "CAPath",
+// "Cert", "Key") to fixtures. The default CA locations point at fixtures too
+// (set when the engine is made).
+void RestrictFileSettings(Ombrix::IJSON& configuration);
 std::string ReadFile(const std::string& path);
 
 // Stops the run with a message naming the broken expectation.

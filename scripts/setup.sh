@@ -2,7 +2,8 @@
 # Installs the Debian packages the project builds and tests with, when missing.
 set -euo pipefail
 packages=(build-essential cmake ninja-build pkg-config libssl-dev openssl nlohmann-json3-dev liblua5.4-dev
-          libgtest-dev googletest libbenchmark-dev)
+          libgtest-dev googletest libbenchmark-dev python3
+          clang libclang-rt-14-dev llvm)
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Sets up, then builds and runs the whole test suite twice: a normal build and
-# an AddressSanitizer + UndefinedBehaviorSanitizer build.
+# an AddressSanitizer + UndefinedBehaviorSanitizer build; then the suite under
+# ThreadSanitizer and a short run of every fuzz target.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/setup.sh
@@ -18,3 +19,7 @@ run_suite build
 echo "== sanitizer build (ASan + UBSan) =="
 ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
   run_suite build-sanitize -DOMBRIX_SANITIZE=ON -DCMAKE_BUILD_TYPE=Debug
+echo "== ThreadSanitizer build =="
+scripts/test-tsan.sh build-tsan
+echo "== fuzz smoke =="
+scripts/test-fuzz.sh build-fuzz 5

@@ -6,6 +6,7 @@
 #include <new>
 
 #include "FileData.h"
+#include "LuaMemory.h"
 #include "Ombrix/Data.h"
 #include "Variant.h"
 
@@ -32,9 +33,11 @@ void PushHandle(lua_State* L, AutoRefPtr<T> value, const char* meta) {
         lua_pushnil(L);
         return;
     }
+    const uint64_t outside = OutsideBytes(value.get());
     void* memory = lua_newuserdatauv(L, sizeof(AutoRefPtr<T>), 0);
     new (memory) AutoRefPtr<T>(std::move(value));
     luaL_setmetatable(L, meta);
+    AccountOutside(L, outside);
 }
 
 template <class T>

@@ -18,6 +18,8 @@ openssl genpkey -algorithm EC -pkeyopt ec_paramgen_curve:prime256v1 -out ec.pem
 openssl ec -in ec.pem -out ec.traditional.pem
 openssl pkey -in ec.pem -pubout -out ec.pub.pem
 openssl ec -in ec.pem -outform DER -out ec.der
+# Encrypted with the empty pass phrase: read only by whoever supplies "".
+openssl pkcs8 -topk8 -in ec.pem -v2 aes-128-cbc -passout pass: -out ec.empty-password.pem
 openssl pkey -in ec.pem -pubout -outform DER | tail -c 65 > ec.pub.der
 
 # X25519: PKCS#8 private, SubjectPublicKeyInfo, DER forms.

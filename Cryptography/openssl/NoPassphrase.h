@@ -1,0 +1,23 @@
+// The pass-phrase callback for every OpenSSL read that has no password to
+// offer. Without one, OpenSSL falls back to asking on the controlling
+// terminal and waits there; this callback supplies nothing, so an encrypted
+// input fails the same way with or without a terminal.
+#pragma once
+
+#include <cstddef>
+
+#include <openssl/core.h>
+
+namespace OpenSSL {
+
+// pem_password_cb: no pass phrase. -1, not an empty one (0): with 0 OpenSSL
+// would try the empty pass phrase.
+inline int NoPassphrase(char*, int, int, void*) { return -1; }
+
+// OSSL_PASSPHRASE_CALLBACK for the decoder API: no pass phrase (failure).
+inline int NoDecoderPassphrase(char*, size_t, size_t* length, const OSSL_PARAM*, void*) {
+    if (length) *length = 0;
+    return 0;
+}
+
+}  // namespace OpenSSL
