@@ -16,12 +16,22 @@ using Ombrix::AutoRefPtr;
 using CertRef = AutoRefPtr<X509Cert>;
 using KeyRef = AutoRefPtr<Key>;
 
+// Runs one change on the certificate (created first when there is none), then
+// lets later queries see the changed certificate.
+template <class Change>
+void Build(const CertRef& cert, Change&& change) {
+    X509* x = cert->GetOrCreate();
+    if (!x) return;
+    change(x);
+    cert->Reread();
+}
+
 void SetVersion(CertRef cert, int32_t version) {
-    if (X509* x = cert->GetOrCreate()) X509_set_version(x, version);
+    Build(cert, [&](X509* x) { X509_set_version(x, version); });
 }
 
 void SetSerialNumber(CertRef cert, int32_t serial) {
-    if (X509* x = cert->GetOrCreate()) ASN1_INTEGER_set(X509_get_serialNumber(x), serial);
+    Build(cert, [&](X509* x) { ASN1_INTEGER_set(X509_get_serialNumber(x), serial); });
 }
 
 // Appends one entry (its own set) to a name; an unknown field changes nothing.
@@ -32,48 +42,48 @@ void AddNameEntry(X509_NAME* name, const std::string& field, const std::string& 
 }
 
 void SetSubjectName(CertRef cert, std::string field, std::string value) {
-    if (X509* x = cert->GetOrCreate()) AddNameEntry(X509_get_subject_name(x), field, value);
+    Build(cert, [&](X509* x) { AddNameEntry(X509_get_subject_name(x), field, value); });
 }
 
 void SetIssuerName(CertRef cert, std::string field, std::string value) {
-    if (X509* x = cert->GetOrCreate()) AddNameEntry(X509_get_issuer_name(x), field, value);
+    Build(cert, [&](X509* x) { AddNameEntry(X509_get_issuer_name(x), field, value); });
 }
 
 // The time becomes now + offset, whatever it was before.
 void AdjustNotBefore(CertRef cert, int32_t offset) {
-    if (X509* x = cert->GetOrCreate()) X509_gmtime_adj(X509_getm_notBefore(x), offset);
+    Build(cert, [&](X509* x) { X509_gmtime_adj(X509_getm_notBefore(x), offset); });
 }
 
 void AdjustNotAfter(CertRef cert, int32_t offset) {
-    if (X509* x = cert->GetOrCreate()) X509_gmtime_adj(X509_getm_notAfter(x), offset);
+    Build(cert, [&](X509* x) { X509_gmtime_adj(X509_getm_notAfter(x), offset); });
 }
 
 // The certificate keeps only the public part of the key.
 void SetKey(CertRef cert, KeyRef key) {
-    X509* x = cert->GetOrCreate();
-    if (!x || !key || !key->PKey()) return;
-    X509_set_pubkey(x, key->PKey());
+    Build(cert, [&](X509* x) {
+        if (key && key->PKey()) X509_set_pubkey(x, key->PKey());
+    });
 }
 
 // The value uses OpenSSL's configuration syntax ("critical,CA:TRUE"). The
 // certificate is its own issuer in the extension context, so key identifiers
 // that refer to the issuer come from the certificate's own key.
 void AddExtension(CertRef cert, std::string name, std::string value) {
-    X509* x = cert->GetOrCreate();
-    if (!x) return;
-    const int nid = OBJ_txt2nid(name.c_str());
-    X509V3_CTX context;
-    X509V3_set_ctx(&context, x, x, nullptr, nullptr, 0);
-    X509V3_set_ctx_nodb(&context);
-    OpenSSL::X509ExtensionPtr extension(X509V3_EXT_conf_nid(nullptr, &context, nid, value.c_str()));
-    if (extension) X509_add_ext(x, extension.get(), -1);
+    Build(cert, [&](X509* x) {
+        const int nid = OBJ_txt2nid(name.c_str());
+        X509V3_CTX context;
+        X509V3_set_ctx(&context, x, x, nullptr, nullptr, 0);
+        X509V3_set_ctx_nodb(&context);
+        OpenSSL::X509ExtensionPtr extension(X509V3_EXT_conf_nid(nullptr, &context, nid, value.c_str()));
+        if (extension) X509_add_ext(x, extension.get(), -1);
+    });
 }
 
 // SHA-256 for every key type; a key that cannot sign leaves the certificate unsigned.
 void Sign(CertRef cert, KeyRef key) {
-    X509* x = cert->GetOrCreate();
-    if (!x || !key || !key->PKey()) return;
-    X509_sign(x, key->PKey(), EVP_sha256());
+    Build(cert, [&](X509* x) {
+        if (key && key->PKey()) X509_sign(x, key->PKey(), EVP_sha256());
+    });
 }
 
 }  // namespace

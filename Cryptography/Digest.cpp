@@ -2,7 +2,9 @@
 // Cryptography.HashFile, all driven through OpenSSL::CHash.
 #include "Digest.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -131,7 +133,7 @@ AutoRefPtr<Data> HashData(std::string digestName, AutoRefPtr<IDataRef> data, ICo
 // when its recorded position differs from the offset asked for.
 class InputFile {
 public:
-    explicit InputFile(std::string path) : path_(std::move(path)), file_(std::fopen(path_.c_str(), "rb")) {
+    explicit InputFile(std::string path) : path_(std::move(path)), file_(OpenReadable(path_)) {
         if (file_) position_ = ftello(file_);
     }
     ~InputFile() { Close(); }
@@ -183,6 +185,25 @@ public:
     }
 
 private:
+    // Opens only regular files and character devices. The open itself never
+    // waits (a FIFO without a writer would block it), and anything else (a
+    // directory, a FIFO, a socket, a block device) counts as not openable.
+    // Reading afterwards blocks as usual, so devices keep their own pace.
+    static FILE* OpenReadable(const std::string& path) {
+        const int fd = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+        if (fd < 0) return nullptr;
+        struct stat info {};
+        const int flags = ::fcntl(fd, F_GETFL);
+        if (::fstat(fd, &info) != 0 || !(S_ISREG(info.st_mode) || S_ISCHR(info.st_mode)) || flags < 0 ||
+            ::fcntl(fd, F_SETFL, flags & ~O_NONBLOCK) != 0) {
+            ::close(fd);
+            return nullptr;
+        }
+        FILE* file = ::fdopen(fd, "rb");
+        if (!file) ::close(fd);
+        return file;
+    }
+
     std::string path_;
     FILE* file_;
     off_t position_ = -1;

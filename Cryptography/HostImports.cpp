@@ -27,6 +27,13 @@ uint64_t PolicyIdentity(IContext* context) {
     return policy ? policy->GetIdentity() : 0;
 }
 
+// The host's code for JSON values: hosts hand out custom type codes at run
+// time, so it is looked up once per process like the module's own type ids.
+uint32_t JsonTypeId(IContext* context) {
+    static const uint32_t id = context ? context->FindType("JSON") : 0;
+    return id;
+}
+
 // One argument of an import call, turned into a host value only once the
 // call is known to go ahead.
 struct Argument {
@@ -42,7 +49,7 @@ struct Argument {
     AutoRefPtr<IVariant> MakeValue(IContext* context) const {
         switch (kind) {
             case Kind::Json: {
-                AutoRefPtr<IVariant> value = context->CreateInstance(Ombrix::kTypeJSON);
+                AutoRefPtr<IVariant> value = context->CreateInstance(JsonTypeId(context));
                 if (value) value->SetUserDefined(AutoRefPtr<Ombrix::IUserDefinedType>::Share(json));
                 return value;
             }
@@ -65,12 +72,13 @@ struct Argument {
 class Import {
 public:
     // signature: result type, parameter types, then an empty terminator.
+    // Nothing is resolved yet: the first use looks the routine up.
     template <size_t N>
-    Import(const char* name, const char* knownAs, const char* const (&signature)[N], IContext* context)
-        : name_(name), knownAs_(knownAs), signature_(signature), count_(N) {
-        cache_.store(Resolve(context, PolicyIdentity(context)));
-    }
+    Import(const char* name, const char* knownAs, const char* const (&signature)[N])
+        : name_(name), knownAs_(knownAs), signature_(signature), count_(N) {}
 
+    // One lookup at most per use: only when the cache holds no entry point
+    // resolved for the context's policy.
     JsonRef Call(IContext* context, std::initializer_list<Argument> arguments) {
         if (!context) return nullptr;
         std::shared_ptr<const Resolution> resolved = cache_.load();
@@ -110,7 +118,7 @@ public:
             if (!values.back()) return nullptr;
             raw.push_back(values.back().get());
         }
-        AutoRefPtr<IVariant> result = context->CreateInstance(Ombrix::kTypeJSON);
+        AutoRefPtr<IVariant> result = context->CreateInstance(JsonTypeId(context));
         if (!result) return nullptr;
 
         const uint32_t status =
@@ -169,33 +177,33 @@ constexpr const char* kFromStringSignature[] = {"JSON", "STRING", ""};
 }  // namespace
 
 JsonRef JSONSetJson(IContext* context, const JsonRef& object, std::string_view key, const JsonRef& value) {
-    static Import import("JSON.Set", "JSONSetJson", kSetJsonSignature, context);
+    static Import import("JSON.Set", "JSONSetJson", kSetJsonSignature);
     return import.Call(context, {Argument::Json(object), Argument::String(key), Argument::Json(value)});
 }
 
 JsonRef JSONSetString(IContext* context, const JsonRef& object, std::string_view key, std::string_view value) {
-    static Import import("JSON.Set", "JSONSetString", kSetStringSignature, context);
+    static Import import("JSON.Set", "JSONSetString", kSetStringSignature);
     return import.Call(context, {Argument::Json(object), Argument::String(key), Argument::String(value)});
 }
 
 JsonRef JSONSetUInt64(IContext* context, const JsonRef& object, std::string_view key, uint64_t value) {
-    static Import import("JSON.Set", "JSONSetUInt64", kSetNumberSignature, context);
+    static Import import("JSON.Set", "JSONSetUInt64", kSetNumberSignature);
     return import.Call(context,
                        {Argument::Json(object), Argument::String(key), Argument::Number(static_cast<double>(value))});
 }
 
 JsonRef JSONCreateEmptyArray(IContext* context) {
-    static Import import("JSON.CreateEmptyArray", "JSONCreateEmptyArray", kCreateEmptyArraySignature, context);
+    static Import import("JSON.CreateEmptyArray", "JSONCreateEmptyArray", kCreateEmptyArraySignature);
     return import.Call(context, {});
 }
 
 JsonRef JSONArrayAppendJSON(IContext* context, const JsonRef& array, const JsonRef& value) {
-    static Import import("JSON.ArrayAppend", "JSONArrayAppendJSON", kArrayAppendSignature, context);
+    static Import import("JSON.ArrayAppend", "JSONArrayAppendJSON", kArrayAppendSignature);
     return import.Call(context, {Argument::Json(array), Argument::Json(value)});
 }
 
 JsonRef StringToJson(IContext* context, std::string_view text) {
-    static Import import("JSON.FromString", "StringToJson", kFromStringSignature, context);
+    static Import import("JSON.FromString", "StringToJson", kFromStringSignature);
     return import.Call(context, {Argument::String(text)});
 }
 

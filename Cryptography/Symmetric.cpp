@@ -129,10 +129,6 @@ AutoRefPtr<Data> BytesToKey(std::string cipherName, std::string digestName, Auto
     const EVP_MD* digest = FindDigest(digestName, context, '.');
     if (!digest) return result;
 
-    // OpenSSL reads the count as unsigned: a negative one would mean billions
-    // of digest rounds. It gives no key, like any other failed derivation.
-    if (count < 0) return result;
-
     unsigned char saltBytes[8];
     const unsigned char* saltUsed = nullptr;
     if (salt && salt->GetSize() >= sizeof saltBytes &&
@@ -141,11 +137,17 @@ AutoRefPtr<Data> BytesToKey(std::string cipherName, std::string digestName, Auto
 
     Ombrix::DataBytes secretBytes(secret);
     OpenSSL::WipeOnExit wipeSecret(secretBytes.copy());
+    // An empty secret is handed over as no buffer at all: EVP_BytesToKey then
+    // derives nothing and the key and IV stay zero bytes, whatever the count.
+    const unsigned char* secretData = secretBytes.size() ? Bytes(secretBytes.view()) : nullptr;
+    // OpenSSL reads the count as unsigned: a negative one would mean billions
+    // of digest rounds. It gives no key, like any other failed derivation.
+    if (count < 0 && secretData) return result;
 
     OpenSSL::InitVector iv(cipher);
     const int keyLength = EVP_CIPHER_get_key_length(cipher);
     std::string output(static_cast<size_t>(keyLength) + iv.size(), '\0');
-    const int derived = EVP_BytesToKey(cipher, digest, saltUsed, Bytes(secretBytes.view()),
+    const int derived = EVP_BytesToKey(cipher, digest, saltUsed, secretData,
                                        static_cast<int>(secretBytes.size()), count,
                                        reinterpret_cast<unsigned char*>(output.data()),
                                        iv.data());

@@ -64,6 +64,32 @@ X509* X509Cert::GetOrCreate() noexcept {
     return cert_.get();
 }
 
+void X509Cert::Reread() noexcept {
+    X509* x = cert_.get();
+    if (!x) return;
+    ERR_set_mark();
+    // Some changes (extensions, name entries, times) leave OpenSSL's cached
+    // encoding in place: encode from the fields, so no change is lost.
+    i2d_re_X509_tbs(x, nullptr);
+    unsigned char* der = nullptr;
+    const int length = i2d_X509(x, &der);
+    if (length > 0) {
+        // A trial read first: reading in place stops half way on an encoding
+        // OpenSSL refuses, and that must never happen to the held certificate.
+        const unsigned char* trial = der;
+        OpenSSL::X509Ptr check(d2i_X509(nullptr, &trial, length));
+        if (check && trial == der + length) {
+            // A failed read in place would drop a reference: it drops this one.
+            X509_up_ref(x);
+            const unsigned char* in = der;
+            X509* same = x;
+            if (d2i_X509(&same, &in, length) == x) X509_free(x);
+        }
+    }
+    OPENSSL_free(der);
+    ERR_pop_to_mark();
+}
+
 Ombrix::AutoRefPtr<Ombrix::IJSON> X509Cert::Interface_Serialize() const {
     auto json = Ombrix::JSON::JSONWrapper::Make();
     const std::string pem = ToPEM();

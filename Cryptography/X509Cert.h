@@ -33,6 +33,12 @@ public:
     X509* Get() const noexcept { return cert_.get(); }
     // The certificate, created with X509_new when there is none yet (null if that fails).
     X509* GetOrCreate() noexcept;
+    // Reads the certificate again from its own encoding, in place (clones see
+    // it too). OpenSSL works out a certificate's extension data on its first
+    // query and keeps it; after a change, this makes later queries see the
+    // certificate as it now is. Nothing happens while the certificate cannot
+    // be encoded yet, and no entry is left in OpenSSL's error queue.
+    void Reread() noexcept;
 
     // {"value": PEM}
     Ombrix::AutoRefPtr<Ombrix::IJSON> Interface_Serialize() const override;

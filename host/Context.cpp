@@ -100,6 +100,8 @@ void Context::ClearUserData(const char* key) {
 }
 
 AutoRefPtr<IVariant> Context::CreateInstance(uint32_t typeCode) {
+    // A value of a type this engine never handed out cannot be made.
+    if (!engine_.KnowsType(typeCode)) return nullptr;
     return AutoRefPtr<IVariant>(engine_.CreateInstance(typeCode));
 }
 
@@ -107,6 +109,7 @@ uint32_t Context::FindType(const char* typeName) { return typeName ? engine_.Fin
 
 RoutineEntry Context::Lookup(const char* name, uint32_t count, const char* const* signature, void** opaque,
                              bool procedure) const {
+    engine_.CountLookup();
     if (!name || !signature) return nullptr;
     std::vector<std::string> types;
     for (uint32_t i = 0; i < count && signature[i] && *signature[i]; ++i) types.emplace_back(signature[i]);
@@ -150,7 +153,7 @@ void Context::TriggerErrorHandler(int32_t severity, const char* moduleNamespace,
 }
 
 AutoRefPtr<IJSON> Context::GetStackedErrors() const {
-    nlohmann::json list = nlohmann::json::array();
+    JSON::Document list = JSON::Document::array();
     for (const ErrorReport& e : errors_)
         list.push_back({{"namespace", e.moduleNamespace}, {"id", e.id}, {"message", e.message}});
     return AutoRefPtr<IJSON>(new JSON::JSONWrapper(std::move(list)));

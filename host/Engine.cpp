@@ -159,23 +159,27 @@ Engine::Engine(Options options)
     std::signal(SIGPIPE, SIG_IGN);
     for (const auto& [key, value] : options_.configuration) configuration_->Set(key, value);
     logger_->SetVerbose(options_.verboseLog);
-    types_.emplace("JSON", kTypeJSON);
+    options_.firstCustomBase = std::max(options_.firstCustomBase, static_cast<uint32_t>(kBaseFirstCustom));
+    types_.emplace("JSON", MakeTypeCode(options_.firstCustomBase, Container::Single));
     if (options_.jsonModule) AddHostModule("JSON", JsonModuleRoutines());
     AddHostModule("Net", NetModuleRoutines());
 }
 
 Engine::~Engine() {
-    // Modules are deregistered in reverse order. Their libraries stay mapped:
-    // OpenSSL pins itself in memory anyway, and module code may still be
-    // referenced from process-wide state.
+    // Modules are deregistered and unloaded in reverse order. A module the
+    // process loaded elsewhere too stays mapped until its last handle goes.
     overloads_.clear();
     declarations_.clear();
+    typeDeclarations_.clear();
     for (auto it = modules_.rbegin(); it != modules_.rend(); ++it) {
         LoadedModule& module = **it;
+        if (!module.handle) continue;
         if (module.registered) {
             if (auto deregister = reinterpret_cast<DeregisterFunction>(dlsym(module.handle, "DeregisterModule")))
                 deregister();
         }
+        dlclose(module.handle);
+        module.handle = nullptr;
     }
 }
 
@@ -186,7 +190,7 @@ void Engine::SetPolicy(const std::string& name, uint64_t identity) {
 uint32_t Engine::DeclareType(const std::string& name) {
     auto it = types_.find(name);
     if (it != types_.end()) return it->second;
-    const uint32_t base = kBaseFirstCustom + static_cast<uint32_t>(types_.size());
+    const uint32_t base = options_.firstCustomBase + static_cast<uint32_t>(types_.size());
     const uint32_t code = MakeTypeCode(base, Container::Single);
     types_.emplace(name, code);
     return code;
@@ -205,6 +209,12 @@ uint32_t Engine::FindType(std::string_view name) const {
     }
     auto it = types_.find(name);
     return it == types_.end() ? 0 : it->second;
+}
+
+bool Engine::KnowsType(uint32_t code) const {
+    if (BaseOf(code) < kBaseFirstCustom) return true;
+    const uint32_t single = MakeTypeCode(BaseOf(code), Container::Single);
+    return std::any_of(types_.begin(), types_.end(), [&](const auto& type) { return type.second == single; });
 }
 
 std::string Engine::TypeName(uint32_t code) const {
@@ -235,6 +245,7 @@ AutoRefPtr<IUserDefinedType> Engine::NewValue(std::string_view typeName) {
 AutoRefPtr<IUserDefinedType> Engine::Deserialize(std::string_view typeName, std::string_view jsonText) {
     AutoRefPtr<JSON::JSONWrapper> json = JSON::JSONWrapper::Parse(jsonText);
     if (!json) return nullptr;
+    json->SetTypeId(FindType("JSON"));
     if (typeName == "JSON") return AutoRefPtr<IUserDefinedType>(std::move(json));
     AutoRefPtr<IUserDefinedType> value = NewValue(typeName);
     if (!value) return nullptr;
@@ -346,13 +357,20 @@ std::vector<std::string> Engine::RoutineNames(std::string_view ns) const {
 const Declaration* Engine::Choose(std::string_view name, const std::vector<AutoRefPtr<IVariant>>& arguments) const {
     const std::vector<const Declaration*>& overloads = Overloads(name);
     if (overloads.empty()) return nullptr;
+    // Surplus arguments are ignored by a routine, so an overload fits when its
+    // declared parameters match the leading arguments by type. The longest fit
+    // wins; among equally long ones, the first declared.
+    const Declaration* best = nullptr;
     for (const Declaration* d : overloads) {
-        if (d->parameterCodes.size() != arguments.size()) continue;
+        const size_t count = d->parameterCodes.size();
+        if (count > arguments.size() || (best && count <= best->parameterCodes.size())) continue;
         bool match = true;
-        for (size_t i = 0; i < arguments.size() && match; ++i)
+        for (size_t i = 0; i < count && match; ++i)
             match = arguments[i] && arguments[i]->GetType() == d->parameterCodes[i];
-        if (match) return d;
+        if (match) best = d;
     }
+    if (best) return best;
+    // Nothing fits: the candidate whose argument status the caller gets.
     for (const Declaration* d : overloads)
         if (d->parameterCodes.size() == arguments.size()) return d;
     return overloads.front();

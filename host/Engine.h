@@ -2,6 +2,7 @@
 // out type codes, chooses overloads and runs calls (with interruptions).
 #pragma once
 
+#include <atomic>
 #include <map>
 #include <memory>
 #include <optional>
@@ -86,6 +87,10 @@ public:
         int maxResumptions = 1000;
         // Offer the host's JSON routines; tests of missing imports turn this off.
         bool jsonModule = true;
+        // Base type number of the first custom type (JSON); the module types
+        // follow in declaration order. Hosts hand out these numbers as they
+        // like, so tests move them to catch a module relying on one numbering.
+        uint32_t firstCustomBase = kBaseFirstCustom;
     };
 
     Engine();
@@ -96,6 +101,8 @@ public:
 
     // dlopen, data exports, definition, RegisterModule, binding. Throws
     // std::runtime_error when the library cannot be loaded or registered.
+    // The engine deregisters and unloads its modules when it is destroyed, so
+    // every value a module made must be released before that.
     const LoadedModule& Load(const std::string& path);
     void AddHostModule(const std::string& name, const std::vector<HostRoutine>& routines);
     const std::vector<std::unique_ptr<LoadedModule>>& Modules() const { return modules_; }
@@ -110,6 +117,8 @@ public:
 
     // Type codes: built-ins, JSON, module TYPEs, and VECTOR<...> of any of them.
     uint32_t FindType(std::string_view name) const;
+    // Whether a code is a built-in type or one this engine handed out (in any container).
+    bool KnowsType(uint32_t code) const;
     std::string TypeName(uint32_t code) const;
     AutoRefPtr<Variant> CreateInstance(uint32_t code) const;
     // A fresh value of a module type through its TYPE factory; null when unknown.
@@ -122,13 +131,17 @@ public:
     const std::vector<const Declaration*>& Overloads(std::string_view name) const;
     std::vector<std::string> Namespaces() const;
     std::vector<std::string> RoutineNames(std::string_view ns) const;
-    // The overload whose parameter codes match the arguments exactly; else the
-    // first with as many parameters; else the first. Null when the name is unknown.
+    // The overload with the most declared parameters whose codes match the
+    // leading arguments (surplus arguments are ignored); else the first with as
+    // many parameters as arguments; else the first. Null when the name is unknown.
     const Declaration* Choose(std::string_view name, const std::vector<AutoRefPtr<IVariant>>& arguments) const;
     const Declaration* FindEntry(std::string_view entryName) const;
     // The routine matching a name and a signature (result type, then parameters).
     const Declaration* FindRoutine(std::string_view name, const std::vector<std::string>& signature,
                                    bool procedure) const;
+    // How many routine lookups (GetFunction, GetProcedure) modules have made.
+    uint64_t LookupCount() const { return lookups_.load(); }
+    void CountLookup() const { ++lookups_; }
 
     // Runs a routine chosen by name and argument types; throws
     // std::invalid_argument for an unknown name.
@@ -153,6 +166,7 @@ private:
     std::map<std::string, std::vector<const Declaration*>, std::less<>> overloads_;
     std::map<std::string, uint32_t, std::less<>> types_;        // single custom types
     std::map<uint32_t, const Declaration*> typeDeclarations_;   // code -> TYPE declaration
+    mutable std::atomic<uint64_t> lookups_{0};
 };
 
 }  // namespace Ombrix::Host

@@ -15,13 +15,19 @@ void Fail(IContext* context, const char* message) {
     if (context) context->TriggerErrorHandler(kSeverityError, kJsonNamespace, "Error.Ombrix.InvalidArgument", message);
 }
 
+// A new value carries the engine's code for JSON.
+AutoRefPtr<IJSON> Stamped(AutoRefPtr<JSONWrapper> json, IContext* context) {
+    if (json && context) json->SetTypeId(context->FindType("JSON"));
+    return AutoRefPtr<IJSON>(std::move(json));
+}
+
 AutoRefPtr<IJSON> FromString(std::string text, IContext* context) {
     AutoRefPtr<JSONWrapper> json = JSONWrapper::Parse(text);
     if (!json) {
         Fail(context, "Invalid JSON text");
         return nullptr;
     }
-    return AutoRefPtr<IJSON>(std::move(json));
+    return Stamped(std::move(json), context);
 }
 
 // Set works in place on the object and returns it.
@@ -56,7 +62,7 @@ AutoRefPtr<IJSON> SetNumber(AutoRefPtr<IJSON> object, std::string key, double va
     });
 }
 
-AutoRefPtr<IJSON> CreateEmptyArray() { return AutoRefPtr<IJSON>(JSONWrapper::Make(nlohmann::json::array())); }
+AutoRefPtr<IJSON> CreateEmptyArray(IContext* context) { return Stamped(JSONWrapper::Make(JSON::Document::array()), context); }
 
 AutoRefPtr<IJSON> ArrayAppend(AutoRefPtr<IJSON> array, AutoRefPtr<IJSON> value, IContext* context) {
     if (!array->Append(value.get())) {

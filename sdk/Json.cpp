@@ -3,22 +3,23 @@
 namespace Ombrix::JSON {
 
 AutoRefPtr<JSONWrapper> JSONWrapper::Parse(std::string_view text) {
-    nlohmann::json value = nlohmann::json::parse(text, nullptr, /*allow_exceptions=*/false);
+    Document value = Document::parse(text, nullptr, /*allow_exceptions=*/false);
     if (value.is_discarded()) return nullptr;
     return Make(std::move(value));
 }
 
-nlohmann::json JSONWrapper::ValueOf(const IJSON& json) {
+Document JSONWrapper::ValueOf(const IJSON& json) {
     if (auto* ours = dynamic_cast<const JSONWrapper*>(&json)) return ours->value_;
-    nlohmann::json value = nlohmann::json::parse(json.ToJSONText(), nullptr, false);
-    return value.is_discarded() ? nlohmann::json() : value;
+    Document value = Document::parse(json.ToJSONText(), nullptr, false);
+    return value.is_discarded() ? Document() : value;
 }
 
 bool JSONWrapper::Compare(const IUserDefinedType* other, Comparison comparison) const {
     auto* json = dynamic_cast<const IJSON*>(other);
     if (!json) return false;
-    const nlohmann::json theirs = ValueOf(*json);
-    return comparison == Comparison::Equal ? value_ == theirs : value_ < theirs;
+    // Member order is kept for writing, but plays no part in comparing.
+    const nlohmann::json ours(value_), theirs(ValueOf(*json));
+    return comparison == Comparison::Equal ? ours == theirs : ours < theirs;
 }
 
 bool JSONWrapper::Interface_Deserialize(const IJSON* json) {
@@ -29,18 +30,18 @@ bool JSONWrapper::Interface_Deserialize(const IJSON* json) {
 
 IJSON::Kind JSONWrapper::GetKind() const {
     switch (value_.type()) {
-        case nlohmann::json::value_t::boolean: return Kind::Boolean;
-        case nlohmann::json::value_t::number_integer:
-        case nlohmann::json::value_t::number_unsigned:
-        case nlohmann::json::value_t::number_float: return Kind::Number;
-        case nlohmann::json::value_t::string: return Kind::String;
-        case nlohmann::json::value_t::array: return Kind::Array;
-        case nlohmann::json::value_t::object: return Kind::Object;
+        case Document::value_t::boolean: return Kind::Boolean;
+        case Document::value_t::number_integer:
+        case Document::value_t::number_unsigned:
+        case Document::value_t::number_float: return Kind::Number;
+        case Document::value_t::string: return Kind::String;
+        case Document::value_t::array: return Kind::Array;
+        case Document::value_t::object: return Kind::Object;
         default: return Kind::Null;
     }
 }
 
-const nlohmann::json* JSONWrapper::Find(const char* key) const {
+const Document* JSONWrapper::Find(const char* key) const {
     if (!key || !value_.is_object()) return nullptr;
     auto it = value_.find(key);
     return it == value_.end() ? nullptr : &*it;
@@ -49,26 +50,26 @@ const nlohmann::json* JSONWrapper::Find(const char* key) const {
 bool JSONWrapper::HasMember(const char* key) const { return Find(key) != nullptr; }
 
 AutoRefPtr<IJSON> JSONWrapper::GetMember(const char* key) const {
-    const nlohmann::json* member = Find(key);
+    const Document* member = Find(key);
     return member ? AutoRefPtr<IJSON>(new JSONWrapper(*member)) : nullptr;
 }
 
 bool JSONWrapper::GetMemberString(const char* key, std::string& out) const {
-    const nlohmann::json* member = Find(key);
+    const Document* member = Find(key);
     if (!member || !member->is_string()) return false;
     out = member->get_ref<const std::string&>();
     return true;
 }
 
 bool JSONWrapper::GetMemberBoolean(const char* key, bool& out) const {
-    const nlohmann::json* member = Find(key);
+    const Document* member = Find(key);
     if (!member || !member->is_boolean()) return false;
     out = member->get<bool>();
     return true;
 }
 
 bool JSONWrapper::GetMemberNumber(const char* key, double& out) const {
-    const nlohmann::json* member = Find(key);
+    const Document* member = Find(key);
     if (!member || !member->is_number()) return false;
     out = member->get<double>();
     return true;
@@ -122,7 +123,7 @@ bool JSONWrapper::GetBooleanValue(bool& out) const {
 }
 
 std::string JSONWrapper::ToJSONText() const {
-    return value_.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+    return value_.dump(-1, ' ', false, Document::error_handler_t::replace);
 }
 
 }  // namespace Ombrix::JSON

@@ -78,5 +78,39 @@ TEST_F(CertBuild, StepsCreateTheCertificateLazilyAndClonesShareIt) {
     EXPECT_NEAR(Number("Cryptography.GetValidNotAfter", {cert}), static_cast<double>(std::time(nullptr)) + 60, 2);
 }
 
+// Queries asked before a certificate is finished see the later extensions too:
+// OpenSSL's cached view of the extensions follows every building step.
+TEST_F(CertBuild, QueriesBeforeAndAfterExtensionsSeeTheCurrentCertificate) {
+    const AutoRefPtr<IVariant> key = KeyFile("ca.key");
+    const Names self = {{"CN", "Queried Early"}};
+    const auto purposes = [&](const AutoRefPtr<IVariant>& cert) {
+        std::string joined;
+        const AutoRefPtr<Ombrix::IVectorGeneric> vector = Result(Call("Cryptography.GetPurpose", {cert}))->GetVector();
+        for (uint64_t i = 0; vector && i < vector->GetSize(); ++i) joined += std::string(vector->GetElement(i)->GetString()) + " ";
+        return joined;
+    };
+    const auto state = [&](const AutoRefPtr<IVariant>& cert) {
+        return purposes(cert) + (Boolean("Cryptography.HasIssued", {cert, cert}) ? "issued" : "not issued");
+    };
+    const struct { Names extensions; bool resign; std::string before, after; } cases[] = {
+        {{{"basicConstraints", "critical,CA:TRUE"}}, true, "Client Server not issued", "Client Server CA issued"},
+        {{{"basicConstraints", "critical,CA:TRUE"}}, false, "Client Server not issued", "Client Server CA not issued"},
+        {{{"extendedKeyUsage", "serverAuth"}}, true, "Client Server not issued", "Server not issued"},
+        {{{"basicConstraints", "critical,CA:TRUE"}, {"keyUsage", "critical,digitalSignature"}}, true,
+         "Client Server not issued", "Client Server not issued"},
+    };
+    for (const auto& c : cases) {
+        const AutoRefPtr<IVariant> cert = Draft(self, self, key, 7);
+        Do("Cryptography.Sign", {cert, key});
+        EXPECT_EQ(state(cert), c.before) << &c - cases;
+        Extend(cert, c.extensions);
+        if (c.resign) Do("Cryptography.Sign", {cert, key});
+        EXPECT_EQ(state(cert), c.after) << &c - cases;
+        // A clone sees the same, and the certificate reads back unchanged.
+        EXPECT_EQ(state(cert->Clone()), c.after) << &c - cases;
+        EXPECT_EQ(state(Cert(ToPEM(cert))), c.after) << &c - cases;
+    }
+}
+
 }  // namespace
 }  // namespace Testing

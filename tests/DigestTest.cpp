@@ -1,5 +1,14 @@
 // Cryptography.Hash over strings and buffers, and Cryptography.HashFile.
+#include <fcntl.h>
 #include <openssl/evp.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstring>
+#include <future>
 
 #include "VectorSupport.h"
 
@@ -55,10 +64,63 @@ TEST_F(DigestTest, FailuresReportAndReturnEmpty) {
         // The digest is checked first: a missing file is not even opened.
         {"ombrix_module_HashFile", {Str("NoSuchDigest"), Str("/no/such")}, "Digest \"NoSuchDigest\" not supported!"},
         {"ombrix_module_HashFile", {Str("SHA256"), Str("/no/such")}, "File \"/no/such\" can't be opened!"},
-        // A directory opens but cannot be read: an error, not an endless loop.
-        {"ombrix_module_HashFile", {Str("SHA256"), Str("/tmp")}, "File \"/tmp\" can't be read!"},
     };
     for (const auto& c : cases) ExpectEmptyResult(c.message, CallEntry(c.routine, c.args), c.message);
+}
+
+// A scratch folder holding a FIFO without a writer and a listening-free
+// Unix socket, removed afterwards.
+struct SpecialFiles {
+    SpecialFiles() {
+        EXPECT_NE(::mkdtemp(folder.data()), nullptr);
+        fifo = folder + "/fifo";
+        socket = folder + "/socket";
+        EXPECT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+        socketFd = ::socket(AF_UNIX, SOCK_STREAM, 0);
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        std::strncpy(address.sun_path, socket.c_str(), sizeof address.sun_path - 1);
+        EXPECT_EQ(::bind(socketFd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    }
+    ~SpecialFiles() {
+        ::close(socketFd);
+        ::unlink(fifo.c_str());
+        ::unlink(socket.c_str());
+        ::rmdir(folder.c_str());
+    }
+    std::string folder = "/tmp/ombrix-special-XXXXXX";
+    std::string fifo, socket;
+    int socketFd = -1;
+};
+
+// Only regular files and character devices are read. Anything else is
+// reported as not openable, at once: a FIFO nobody writes to must not block.
+TEST_F(DigestTest, NonFilesAreNotOpenedAndNeverBlock) {
+    const SpecialFiles special;
+    const std::string opened = "";
+    const struct { std::string path; std::string message; } cases[] = {
+        {special.folder, "File \"" + special.folder + "\" can't be opened!"},
+        {special.fifo, "File \"" + special.fifo + "\" can't be opened!"},
+        {special.socket, "File \"" + special.socket + "\" can't be opened!"},
+        {"/tmp/", "File \"/tmp/\" can't be opened!"},
+        {"/dev/null", opened},  // a character device: read to its end
+    };
+    for (const auto& c : cases) {
+        auto call = std::async(std::launch::async, [&] { return Call("Cryptography.HashFile", {Str("SHA256"), Str(c.path)}); });
+        if (call.wait_for(std::chrono::seconds(10)) != std::future_status::ready) {
+            ADD_FAILURE() << c.path << " blocked";
+            // Release a reader stuck on the FIFO, so the test ends.
+            const int writer = ::open(c.path.c_str(), O_WRONLY | O_NONBLOCK);
+            if (writer >= 0) ::close(writer);
+        }
+        const CallOutcome outcome = call.get();
+        if (c.message.empty()) {
+            EXPECT_TRUE(outcome.ok()) << c.path;
+            EXPECT_EQ(HexResult(outcome), Expected("SHA256", "")) << c.path;
+        } else {
+            ExpectEmptyResult(c.path, outcome, c.message);
+        }
+    }
 }
 
 }  // namespace

@@ -69,7 +69,7 @@ TEST_F(EngineTest, JsonModuleRoutines) {
     for (auto& [key, value] : std::vector<std::pair<const char*, AutoRefPtr<IVariant>>>{
              {"s", Str("text")}, {"n", Num(18446744073709549568.0)}, {"h", Num(0.5)}, {"list", json(appended)}})
         set = Call("JSON.Set", {json(object), Str(key), value});
-    EXPECT_EQ(text(set), "{\"a\":1,\"h\":0.5,\"list\":[{\"b\":true}],\"n\":18446744073709549568,\"s\":\"text\"}");
+    EXPECT_EQ(text(set), "{\"a\":1,\"s\":\"text\",\"n\":18446744073709549568,\"h\":0.5,\"list\":[{\"b\":true}]}");
     struct { const char* name; Args args; const char* message; } failures[] = {
         {"JSON.FromString", {Str("{not json")}, "Invalid JSON text"},
         {"JSON.Set", {json(array), Str("k"), Str("v")}, "JSON.Set needs an object"},

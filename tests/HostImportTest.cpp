@@ -120,5 +120,23 @@ TEST_F(HostImport, ResolutionsAreReusedUntilThePolicyIdentityChanges) {
     EXPECT_GT(fromStringCalls, 0);
 }
 
+// A routine is looked up only when the cache holds no entry point for the
+// policy: once per use while it is missing, once per policy when it is there.
+TEST_F(HostImport, OneLookupPerImportUse) {
+    const struct { size_t offered; int describes; uint64_t lookups; } cases[] = {
+        {0, 1, 1},  // FromString missing: the first use looks once and stops
+        {0, 3, 3},  // and every later use looks again, once
+        {1, 1, 2},  // FromString found, the string Set missing
+        {1, 2, 3},  // the found one is not looked up again
+        {kAllFakes.size(), 1, 6},  // six imports, each resolved once however often used
+        {kAllFakes.size(), 2, 6},
+    };
+    for (const auto& c : cases) {
+        const auto engine = NewEngine(c.offered);
+        for (int i = 0; i < c.describes; ++i) Describe(*engine);
+        EXPECT_EQ(engine->LookupCount(), c.lookups) << c.offered << " offered, " << c.describes << " uses";
+    }
+}
+
 }  // namespace
 }  // namespace Testing

@@ -139,5 +139,23 @@ TEST_F(Symmetric, BytesToKeyMatchesOpenSSLEnc) {
     }
 }
 
+// An empty (or absent) secret derives nothing: the key and the IV are zero
+// bytes of the cipher's lengths, whatever the digest, salt and count.
+TEST_F(Symmetric, BytesToKeyWithoutSecretGivesZeroBytes) {
+    const struct { const char* cipher; const char* digest; AutoRefPtr<IVariant> secret; std::string salt; double count; size_t length; } cases[] = {
+        {"aes-128-cbc", "md5", Dat(""), "", 1, 32},
+        {"aes-256-cbc", "sha256", Dat(""), "0102030405060708", 3, 48},
+        {"aes-128-ecb", "sha1", Dat(""), "", 1, 16},
+        {"chacha20", "sha512", NoData(), "", 0, 48},
+        {"aes-192-cbc", "sha256", Dat(""), "", -1, 40},  // no rounds run at all, so no count is refused
+    };
+    for (const auto& c : cases) {
+        const Args args = {Str(c.cipher), Str(c.digest), c.secret, Dat(Unhex(c.salt)), Num(c.count)};
+        const CallOutcome outcome = CallEntry("ombrix_module_BytesToKey", args);
+        EXPECT_TRUE(outcome.ok()) << c.cipher;
+        EXPECT_EQ(HexResult(outcome), std::string(2 * c.length, '0')) << c.cipher;
+    }
+}
+
 }  // namespace
 }  // namespace Testing

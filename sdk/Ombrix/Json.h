@@ -1,5 +1,7 @@
-// JSONWrapper: the IJSON implementation over nlohmann::json that the host's
-// JSON module and the module's own serialisation share.
+// JSONWrapper: the IJSON implementation over nlohmann::ordered_json that the
+// host's JSON module and the module's own serialisation share. Object members
+// keep the order they were first set in (parsing, Set, writing, saving and
+// restoring alike); setting an existing member replaces its value in place.
 #pragma once
 
 #include <nlohmann/json.hpp>
@@ -8,30 +10,35 @@
 
 namespace Ombrix::JSON {
 
+using Document = nlohmann::ordered_json;
+
 class JSONWrapper final : public UseCounted<IJSON> {
 public:
-    explicit JSONWrapper(nlohmann::json value = nlohmann::json::object()) : value_(std::move(value)) {}
+    explicit JSONWrapper(Document value = Document::object()) : value_(std::move(value)) {}
 
-    static AutoRefPtr<JSONWrapper> Make(nlohmann::json value = nlohmann::json::object()) {
+    static AutoRefPtr<JSONWrapper> Make(Document value = Document::object()) {
         return AutoRefPtr<JSONWrapper>(new JSONWrapper(std::move(value)));
     }
     // Parses JSON text; null when the text is not JSON.
     static AutoRefPtr<JSONWrapper> Parse(std::string_view text);
     // The value of any IJSON, copied without a text round trip when it is ours.
-    static nlohmann::json ValueOf(const IJSON& json);
+    static Document ValueOf(const IJSON& json);
 
-    const nlohmann::json& Value() const noexcept { return value_; }
-    nlohmann::json& Value() noexcept { return value_; }
+    // The host's type code for JSON values; kTypeJSON unless the host numbers it otherwise.
+    void SetTypeId(uint32_t typeId) noexcept { typeId_ = typeId; }
+
+    const Document& Value() const noexcept { return value_; }
+    Document& Value() noexcept { return value_; }
 
     // IUserDefinedType
     const char* GetName() const override { return "JSON"; }
-    AutoRefPtr<IUserDefinedType> Clone() const override { return AutoRefPtr<IUserDefinedType>(new JSONWrapper(value_)); }
-    uint32_t GetType() const override { return kTypeJSON; }
+    AutoRefPtr<IUserDefinedType> Clone() const override { return AutoRefPtr<IUserDefinedType>(Copy()); }
+    uint32_t GetType() const override { return typeId_; }
     bool Compare(const IUserDefinedType* other, Comparison comparison) const override;
     bool Interface_Deserialize(const IJSON* json, IContext*) override { return Interface_Deserialize(json); }
     bool Interface_Deserialize(const IJSON* json) override;
     AutoRefPtr<IJSON> Interface_Serialize(IContext*) const override { return Interface_Serialize(); }
-    AutoRefPtr<IJSON> Interface_Serialize() const override { return AutoRefPtr<IJSON>(new JSONWrapper(value_)); }
+    AutoRefPtr<IJSON> Interface_Serialize() const override { return AutoRefPtr<IJSON>(Copy()); }
     bool FromBinaryData(const void*, uint64_t, uint32_t) override { return false; }
     uint64_t ToBinaryData(void**, uint32_t) const override { return 0; }
 
@@ -56,11 +63,17 @@ public:
     std::string ToJSONText() const override;
 
 private:
-    const nlohmann::json* Find(const char* key) const;
+    JSONWrapper* Copy() const {
+        auto* copy = new JSONWrapper(value_);
+        copy->typeId_ = typeId_;
+        return copy;
+    }
+    const Document* Find(const char* key) const;
     template <class T>
     bool Set(const char* key, T&& value);
 
-    nlohmann::json value_;
+    Document value_;
+    uint32_t typeId_ = kTypeJSON;
 };
 
 }  // namespace Ombrix::JSON
