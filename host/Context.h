@@ -109,6 +109,9 @@ private:
     AutoRefPtr<IEvent> event_;
     AutoRefPtr<IObject> interruptionData_;
     std::map<std::string, AutoRefPtr<IObject>> userData_;
+    // Frames pushed above the routine, innermost first; the routine's own
+    // frame is added only when a call stack is asked for, so a call that
+    // never asks allocates nothing for it.
     std::vector<std::string> frames_;
 };
 

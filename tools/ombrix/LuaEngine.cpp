@@ -33,7 +33,8 @@ Engine& EngineOf(lua_State* L) { return *static_cast<Engine*>(lua_touserdata(L, 
 template <int (*Body)(lua_State*)>
 int Protected(lua_State* L) {
     int results = -1;
-    char failure[512] = {};
+    char failure[512];
+    failure[0] = '\0';
     try {
         results = Body(L);
     } catch (const std::exception& e) {
@@ -73,22 +74,27 @@ int ErrorToString(lua_State* L) {
     return 1;
 }
 
-// A routine of a namespace table; upvalue 2 is its script name.
+// A routine of a namespace table; upvalue 2 is its script name, upvalue 3 its
+// declaration when it has only one (light userdata, else nil): every overload
+// choice picks the sole declaration, so such a call skips the choice.
 int CallRoutine(lua_State* L) {
     Engine& engine = EngineOf(L);
-    const std::string name = lua_tostring(L, lua_upvalueindex(2));
+    size_t nameSize = 0;
+    // The upvalue keeps the name alive for as long as the closure exists.
+    const char* name = lua_tolstring(L, lua_upvalueindex(2), &nameSize);
     const int count = lua_gettop(L);
     std::vector<AutoRefPtr<IVariant>> arguments(static_cast<size_t>(count));
     for (int i = 0; i < count; ++i) {
         if (!ToArgument(L, i + 1, arguments[static_cast<size_t>(i)])) {
             lua_pushfstring(L, "cannot pass a %s as parameter %d in function '%s'", luaL_typename(L, i + 1), i + 1,
-                            name.c_str());
+                            name);
             return -1;
         }
     }
-    const Declaration* declaration = engine.Choose(name, arguments);
+    const auto* declaration = static_cast<const Declaration*>(lua_touserdata(L, lua_upvalueindex(3)));
+    if (!declaration) declaration = engine.Choose(std::string_view(name, nameSize), arguments);
     if (!declaration) {
-        lua_pushfstring(L, "unknown routine '%s'", name.c_str());
+        lua_pushfstring(L, "unknown routine '%s'", name);
         return -1;
     }
     // nil where a custom type is expected is a variable of that type that holds no object.
@@ -98,27 +104,27 @@ int CallRoutine(lua_State* L) {
             arguments[i] = Ombrix::Host::Variant::Unset(code);
     }
     if (!declaration->entry) {
-        lua_pushfstring(L, "'%s' is not available: entry point %s of %s is not bound", name.c_str(),
+        lua_pushfstring(L, "'%s' is not available: entry point %s of %s is not bound", name,
                         declaration->entryName.c_str(), declaration->Text().c_str());
         return -1;
     }
     const bool function = declaration->kind == Declaration::Kind::Function;
     CallOutcome outcome = engine.CallDeclaration(*declaration, std::move(arguments), function);
     if (outcome.status) {
-        const std::string message = StatusMessage(outcome.status, name);
+        const std::string message = StatusMessage(outcome.status, std::string(name, nameSize));
         lua_pushlstring(L, message.data(), message.size());
         return -1;
     }
     for (const ErrorReport& report : outcome.errors) {
         if (report.severity >= Ombrix::kSeverityError) {
-            PushErrorObject(L, report, name);
+            PushErrorObject(L, report, std::string(name, nameSize));
             return -1;
         }
-        std::fprintf(stderr, "ombrix: %s reported %s: %s\n", name.c_str(), report.id.c_str(), report.message.c_str());
+        std::fprintf(stderr, "ombrix: %s reported %s: %s\n", name, report.id.c_str(), report.message.c_str());
     }
     if (!function) return 0;
     if (outcome.result)
-        PushVariant(L, *outcome.result);
+        PushResult(L, *outcome.result);
     else
         lua_pushnil(L);
     return 1;
@@ -294,7 +300,12 @@ void OpenEngine(lua_State* L, Engine& engine, const std::string& executable) {
             lua_pushlightuserdata(L, &engine);
             const std::string name = space + "." + routine;
             lua_pushlstring(L, name.data(), name.size());
-            lua_pushcclosure(L, Protected<CallRoutine>, 2);
+            const std::vector<const Declaration*>& overloads = engine.Overloads(name);
+            if (overloads.size() == 1)
+                lua_pushlightuserdata(L, const_cast<Declaration*>(overloads.front()));
+            else
+                lua_pushnil(L);
+            lua_pushcclosure(L, Protected<CallRoutine>, 3);
             lua_setfield(L, -2, routine.c_str());
         }
         lua_createtable(L, 0, 1);

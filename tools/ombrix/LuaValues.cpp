@@ -125,6 +125,12 @@ int DataHex(lua_State* L) {
 
 int DataBytes(lua_State* L) {
     IDataRef* data = CheckData(L, 1);
+    // Contiguous bytes become the string in one copy (a luaL_Buffer would copy
+    // them twice: into its box, then into the string).
+    if (const char* direct = data ? data->GetData() : nullptr) {
+        lua_pushlstring(L, direct, data->GetSize());
+        return 1;
+    }
     luaL_Buffer buffer;
     luaL_buffinit(L, &buffer);
     if (data) {
@@ -257,11 +263,10 @@ bool ToArgument(lua_State* L, int index, AutoRefPtr<IVariant>& out) {
     }
 }
 
-void PushVariant(lua_State* L, const IVariant& value) {
-    if (const auto* own = dynamic_cast<const Variant*>(&value); own && !own->IsAssigned()) {
-        lua_pushnil(L);
-        return;
-    }
+namespace {
+
+// PushVariant for a value known to be assigned.
+void PushAssigned(lua_State* L, const IVariant& value) {
     const uint32_t code = value.GetType();
     switch (Ombrix::ContainerOf(code)) {
         case Ombrix::Container::Single: break;
@@ -300,6 +305,24 @@ void PushVariant(lua_State* L, const IVariant& value) {
         case Ombrix::kTypeDataRef: PushData(L, value.GetData()); return;
         default: lua_pushnil(L); return;
     }
+}
+
+}  // namespace
+
+void PushVariant(lua_State* L, const IVariant& value) {
+    if (const auto* own = dynamic_cast<const Variant*>(&value); own && !own->IsAssigned()) {
+        lua_pushnil(L);
+        return;
+    }
+    PushAssigned(L, value);
+}
+
+void PushResult(lua_State* L, const Variant& value) {
+    if (!value.IsAssigned()) {
+        lua_pushnil(L);
+        return;
+    }
+    PushAssigned(L, value);
 }
 
 bool DecodeHex(std::string_view text, std::string& out) {

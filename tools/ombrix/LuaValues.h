@@ -10,6 +10,10 @@
 
 #include "Ombrix/Interfaces.h"
 
+namespace Ombrix::Host {
+class Variant;
+}
+
 namespace OmbrixTool {
 
 using Ombrix::AutoRefPtr;
@@ -38,6 +42,8 @@ bool ToArgument(lua_State* L, int index, AutoRefPtr<Ombrix::IVariant>& out);
 // Pushes one Lua value for a host value: the reverse of ToArgument, VECTORs
 // as arrays; null buffers and objects, and unassigned values, become nil.
 void PushVariant(lua_State* L, const Ombrix::IVariant& value);
+// PushVariant for the engine's own result value (no run-time type check).
+void PushResult(lua_State* L, const Ombrix::Host::Variant& value);
 
 // Bytes of hexadecimal text; false when the text is not an even number of hex digits.
 bool DecodeHex(std::string_view text, std::string& out);

@@ -1,0 +1,45 @@
+-- How a script's call reaches a declaration: a routine with one declaration
+-- runs it whatever the arguments (surplus ones ignored, wrong or missing ones
+-- reported by position), one with several chooses by the argument types, and
+-- large buffers cross both ways intact.
+local check = dofile(arg[0]:match("^(.*/)") .. "lib/check.lua")
+check.needs("Cryptography.Lookup3Hash", "Cryptography.Hash", "Cryptography.Encrypt", "Cryptography.DataRefDecrypt")
+local C = Cryptography
+
+local abc = "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad"
+check.each({
+  {name = "single declaration", call = function() return C.Lookup3Hash("Abc") end, result = C.Lookup3Hash("abc")},
+  {name = "surplus arguments ignored", call = function() return C.Lookup3Hash("abc", 1, Data("x")) end,
+   result = C.Lookup3Hash("abc")},
+  {name = "wrong type", call = function() return C.Lookup3Hash(42) end,
+   message = "invalid parameter 1 in function 'Cryptography.Lookup3Hash'"},
+  {name = "missing", call = function() return C.Lookup3Hash() end,
+   message = "missing parameter 1 in function 'Cryptography.Lookup3Hash'"},
+  {name = "no host form", call = function() return C.Lookup3Hash({}) end,
+   message = "cannot pass a table as parameter 1 in function 'Cryptography.Lookup3Hash'"},
+  {name = "overload by STRING", call = function() return C.Hash("SHA256", "abc"):hex() end, result = abc},
+  {name = "overload by DATAREF", call = function() return C.Hash("SHA256", Data("abc")):hex() end, result = abc},
+  {name = "overload, wrong type", call = function() return C.Hash("SHA256", true) end,
+   message = "invalid parameter 2 in function 'Cryptography.Hash'"},
+  {name = "no arguments", call = function() return C.FIPSSelfTestFailed() end, result = false},
+}, function(case)
+  if case.message then
+    check.equal(check.raises(case.call), case.message, "message")
+  else
+    check.equal(case.call(), case.result, "result")
+  end
+end)
+
+-- The same closure called many times keeps choosing by the arguments it gets.
+for i = 1, 3 do
+  check.equal(C.Hash("SHA256", i % 2 == 0 and "abc" or Data("abc")):hex(), abc, "alternating overloads " .. i)
+end
+
+-- A buffer of several MiB goes in and comes back byte for byte.
+local key = string.rep("k", 32)
+local plain = string.rep("0123456789abcdef", 256 * 1024 + 3)
+local ciphertext = C.Encrypt("AES-256-CBC", Data(plain), key)
+check.equal(#ciphertext, #plain + 16, "padded ciphertext length")
+check.equal(C.DataRefDecrypt("AES-256-CBC", ciphertext, key):bytes(), plain, "round trip")
+check.equal(ciphertext:bytes(), C.Encrypt("AES-256-CBC", plain, key):bytes(), "STRING and DATAREF inputs agree")
+print("calls: ok")
