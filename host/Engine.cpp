@@ -8,6 +8,7 @@
 
 #include <cctype>
 
+#include "EngineLoop.h"
 #include "JsonModule.h"
 #include "NetModule.h"
 
@@ -160,6 +161,7 @@ Engine::~Engine() {
     // Modules are deregistered in reverse order. Their libraries stay mapped:
     // OpenSSL pins itself in memory anyway, and module code may still be
     // referenced from process-wide state.
+    calls_.clear();  // parked calls release their per-call state while the modules are still registered
     overloads_.clear();
     declarations_.clear();
     for (auto it = modules_.rbegin(); it != modules_.rend(); ++it) {

@@ -7,6 +7,7 @@
 #include "LuaValues.h"
 #include "Ombrix/Json.h"
 #include "Ombrix/Routine.h"
+#include "Tasks.h"
 
 namespace OmbrixTool {
 
@@ -24,6 +25,17 @@ constexpr char kErrorMeta[] = "Ombrix.Error";
 
 // Every function here keeps its Engine as upvalue 1.
 Engine& EngineOf(lua_State* L) { return *static_cast<Engine*>(lua_touserdata(L, lua_upvalueindex(1))); }
+
+// What a body returns when its call parked inside a task: the task yields,
+// and ResumeCall finishes the routine when the task runs again.
+constexpr int kParked = -2;
+int ResumeCall(lua_State* L);
+template <int (*Body)(lua_State*)>
+int Protected(lua_State* L);
+template <int (*Body)(lua_State*)>
+int Continued(lua_State* L, int, lua_KContext) {
+    return Protected<Body>(L);
+}
 
 // Runs Body, which pushes its results and returns their count, or pushes an
 // error value and returns -1. The error is raised only here, after Body's
@@ -44,6 +56,7 @@ int Protected(lua_State* L) {
         lua_pushstring(L, failure);
         return lua_error(L);
     }
+    if (results == kParked) return lua_yieldk(L, 0, 0, &Continued<ResumeCall>);
     if (results < 0) return lua_error(L);
     return results;
 }
@@ -72,7 +85,10 @@ int ErrorToString(lua_State* L) {
     return 1;
 }
 
-// A routine of a namespace table; upvalue 2 is its script name.
+int PushOutcome(lua_State* L, const std::string& name, const CallOutcome& outcome);
+
+// A routine of a namespace table; upvalue 2 is its script name. Inside a task
+// a call that parks yields the task instead of waiting.
 int CallRoutine(lua_State* L) {
     Engine& engine = EngineOf(L);
     const std::string name = lua_tostring(L, lua_upvalueindex(2));
@@ -102,7 +118,25 @@ int CallRoutine(lua_State* L) {
         return -1;
     }
     const bool function = declaration->kind == Declaration::Kind::Function;
-    CallOutcome outcome = engine.CallDeclaration(*declaration, std::move(arguments), function);
+    if (InTask(L)) {
+        const Ombrix::Host::CallHandle call = engine.StartDeclaration(*declaration, std::move(arguments), function);
+        if (!engine.Finished(call)) {
+            ParkTask(L, call);
+            return kParked;
+        }
+        return PushOutcome(L, name, engine.TakeOutcome(call));
+    }
+    return PushOutcome(L, name, engine.CallDeclaration(*declaration, std::move(arguments), function));
+}
+
+int ResumeCall(lua_State* L) {
+    const std::string name = lua_tostring(L, lua_upvalueindex(2));
+    return PushOutcome(L, name, EngineOf(L).TakeOutcome(TakeParkedCall(L)));
+}
+
+// Pushes a routine's result (none for a procedure), or an error value and -1.
+int PushOutcome(lua_State* L, const std::string& name, const CallOutcome& outcome) {
+    const bool function = outcome.declaration->kind == Declaration::Kind::Function;
     if (outcome.status) {
         const std::string message = StatusMessage(outcome.status, name);
         lua_pushlstring(L, message.data(), message.size());
