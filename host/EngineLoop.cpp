@@ -32,8 +32,8 @@ size_t Engine::RunOnce(int timeoutMilliseconds) {
     // which wait for the next turn.
     struct Watch {
         CallHandle call;
-        IEvent* event;
-        FDEvent* fd;  // null for an event that is not a descriptor's: ready at once
+        AutoRefPtr<IEvent> event;  // held, so a call resumed meanwhile cannot recycle its address
+        FDEvent* fd;               // null for an event that is not a descriptor's: ready at once
     };
     std::vector<Watch> watches;
     std::vector<pollfd> entries;
@@ -42,7 +42,7 @@ size_t Engine::RunOnce(int timeoutMilliseconds) {
     for (const auto& [handle, call] : calls_) {
         if (!call->Parked()) continue;
         auto* fd = dynamic_cast<FDEvent*>(call->event.get());
-        watches.push_back({handle, call->event.get(), fd});
+        watches.push_back({handle, call->event, fd});
         if (fd) entries.push_back({fd->GetDescriptor(), fd->PollEvents(), 0});
         int until = fd ? -1 : 0;
         if (call->deadline) until = MillisecondsUntil(*call->deadline, now);
@@ -67,7 +67,7 @@ size_t Engine::RunOnce(int timeoutMilliseconds) {
         if (watch.fd) ++entry;
         // The call may have been resumed (or taken) by a call that ran before it in this turn.
         auto it = calls_.find(watch.call);
-        if (it == calls_.end() || it->second->event.get() != watch.event || it->second->finished) continue;
+        if (it == calls_.end() || it->second->event.get() != watch.event.get() || it->second->finished) continue;
         CallRecord& call = *it->second;
         const uint32_t ready = watch.fd ? watch.fd->ReadyFlags(revents) : 0;
         const bool timedOut = failed || (call.deadline && *call.deadline <= after);
