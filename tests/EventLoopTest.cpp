@@ -37,20 +37,21 @@ ServerOptions Delayed(const std::string& cert, int milliseconds) {
     return options;
 }
 
-// Accepts one connection and sends the start of a TLS record one byte every
-// 20 ms, so a client's handshake goes on waiting without ever finishing.
+// Accepts one connection and sends the start of a TLS record one byte at a
+// time, so a client's handshake goes on waiting without ever finishing.
 class TrickleServer {
 public:
-    TrickleServer() : listener_(ListenTcp(&port_)) {
-        thread_ = std::thread([this] {
+    explicit TrickleServer(int intervalMs = 20, int bytes = 250) : listener_(ListenTcp(&port_)) {
+        thread_ = std::thread([this, intervalMs, bytes] {
             const int fd = ::accept(listener_.fd, nullptr, nullptr);
             if (fd < 0) return;
             Socket connection(fd);
             const char header[] = {0x16, 0x03, 0x03, 0x40, 0x00};  // handshake record, 16 KiB long
-            for (int i = 0; !stop_ && i < 250; ++i) {
+            for (int i = 0; !stop_ && i < bytes; ++i) {
                 const char byte = i < 5 ? header[i] : 0;
                 if (::send(fd, &byte, 1, MSG_NOSIGNAL) != 1) break;
-                std::this_thread::sleep_for(std::chrono::milliseconds(20));
+                for (int slept = 0; !stop_ && slept < intervalMs; slept += 10)
+                    std::this_thread::sleep_for(std::chrono::milliseconds(10));
             }
         });
     }
@@ -172,6 +173,22 @@ TEST_F(EventLoopTest, ResumptionBoundEndsWithAnEmptyCertificate) {
         EXPECT_EQ(FetchedPem(call, &resumptions), "");
         EXPECT_EQ(resumptions, bound);
     }
+}
+
+// A server that keeps each wait short of its 5 s timeout would hold a fetch
+// for 256 waits; the fetch gives up after 30 s in all. (The one slow test.)
+TEST_F(EventLoopTest, TricklingServerIsGivenUpOnAfterThirtySeconds) {
+    MakeEngine();
+    TrickleServer server(600, 100);  // a byte every 0.6 s for a minute
+    const auto start = Clock::now();
+    const CallHandle call = StartFetch(server.port());
+    engine_->RunUntilIdle();
+    const double seconds = SecondsSince(start);
+    int resumptions = 0;
+    EXPECT_EQ(FetchedPem(call, &resumptions), "");
+    EXPECT_GT(seconds, 29.5);
+    EXPECT_LT(seconds, 32.0);
+    EXPECT_GT(resumptions, 40) << "the server kept the handshake going all the while";
 }
 
 TEST_F(EventLoopTest, NetWaitParksUntilTheSocketIsReadyOrTheTimeIsUp) {
