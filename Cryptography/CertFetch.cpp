@@ -5,6 +5,8 @@
 // call again.
 #include <openssl/err.h>
 
+#include <algorithm>
+#include <chrono>
 #include <string>
 
 #include "Routine.h"
@@ -21,6 +23,10 @@ constexpr int32_t kWaitMilliseconds = 5000;
 // socket ready without ever finishing is given up on after this many waits.
 constexpr int kMaxTimedOutWaits = 1;
 constexpr int kMaxWaits = 256;
+// However the server paces its bytes, a fetch ends after this long in all.
+constexpr std::chrono::milliseconds kFetchLimit{30000};
+
+using Clock = std::chrono::steady_clock;
 
 // The handshake in progress, kept across the suspensions of one call.
 class Handshake final : public Ombrix::UseCounted<Ombrix::IObject> {
@@ -28,6 +34,7 @@ public:
     explicit Handshake(OpenSSL::SslPtr ssl) : ssl(std::move(ssl)) {}
 
     OpenSSL::SslPtr ssl;
+    Clock::time_point started = Clock::now();
     AutoRefPtr<Ombrix::IFDEvent> event;  // the event of the last wait
     int waits = 0;
     int timedOutWaits = 0;
@@ -72,6 +79,7 @@ AutoRefPtr<X509Cert> FetchFromServer(std::string host, int32_t port, Ombrix::ICo
         if (!state) return Finish(context, nullptr);
         if (state->event && state->event->GetReadyFlags() == 0 && ++state->timedOutWaits >= kMaxTimedOutWaits)
             return Finish(context, nullptr);
+        if (Clock::now() - state->started >= kFetchLimit) return Finish(context, nullptr);
     } else {
         OpenSSL::SslPtr ssl = StartHandshake(host, port);
         if (!ssl) return Finish(context, nullptr);
@@ -92,10 +100,12 @@ AutoRefPtr<X509Cert> FetchFromServer(std::string host, int32_t port, Ombrix::ICo
         default: return Finish(context, nullptr);
     }
     if (++state->waits > kMaxWaits) return Finish(context, nullptr);
+    // No wait reaches past the end of the fetch's time.
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(kFetchLimit - (Clock::now() - state->started));
+    const int32_t wait = static_cast<int32_t>(std::clamp<long long>(left.count(), 1, kWaitMilliseconds));
     AutoRefPtr<Ombrix::IEventScheduler> scheduler = context->GetEventScheduler();
     AutoRefPtr<Ombrix::IFDEvent> event =
-        scheduler ? scheduler->CreateFDEvent(nullptr, nullptr, SSL_get_fd(ssl), kWaitMilliseconds, readiness)
-                  : nullptr;
+        scheduler ? scheduler->CreateFDEvent(nullptr, nullptr, SSL_get_fd(ssl), wait, readiness) : nullptr;
     if (!event) return Finish(context, nullptr);
     state->event = event;
     if (!context->SetUserData(kHandshakeKey, AutoRefPtr<Ombrix::IObject>(state)) ||

@@ -1,16 +1,16 @@
+// Engine: construction and module loading (dlopen, data exports, definition
+// text, registration), host modules, and the parser of definition texts.
 #include "Engine.h"
 
 #include <dlfcn.h>
 
 #include <csignal>
 
-#include <algorithm>
 #include <cctype>
 
-#include "Context.h"
+#include "EngineLoop.h"
 #include "JsonModule.h"
 #include "NetModule.h"
-#include "Ombrix/Json.h"
 
 namespace Ombrix::Host {
 
@@ -99,13 +99,6 @@ private:
     size_t pos_ = 0;
 };
 
-std::string_view VectorElement(std::string_view name) {
-    constexpr std::string_view prefix = "VECTOR<";
-    if (name.size() > prefix.size() + 1 && name.substr(0, prefix.size()) == prefix && name.back() == '>')
-        return name.substr(prefix.size(), name.size() - prefix.size() - 1);
-    return {};
-}
-
 }  // namespace
 
 std::string Declaration::Text() const {
@@ -168,6 +161,7 @@ Engine::Engine(Options options)
 Engine::~Engine() {
     // Modules are deregistered and unloaded in reverse order. A module the
     // process loaded elsewhere too stays mapped until its last handle goes.
+    calls_.clear();  // parked calls release their per-call state while the modules are still registered
     overloads_.clear();
     declarations_.clear();
     typeDeclarations_.clear();
@@ -185,97 +179,6 @@ Engine::~Engine() {
 
 void Engine::SetPolicy(const std::string& name, uint64_t identity) {
     policy_ = AutoRefPtr<IPolicy>(new Policy(name, identity));
-}
-
-uint32_t Engine::DeclareType(const std::string& name) {
-    auto it = types_.find(name);
-    if (it != types_.end()) return it->second;
-    const uint32_t base = options_.firstCustomBase + static_cast<uint32_t>(types_.size());
-    const uint32_t code = MakeTypeCode(base, Container::Single);
-    types_.emplace(name, code);
-    return code;
-}
-
-uint32_t Engine::FindType(std::string_view name) const {
-    if (name == "BOOLEAN") return kTypeBoolean;
-    if (name == "NUMBER") return kTypeNumber;
-    if (name == "STRING") return kTypeString;
-    if (name == "DATAREF") return kTypeDataRef;
-    if (name == "STREAM") return kTypeStream;
-    if (std::string_view element = VectorElement(name); !element.empty()) {
-        const uint32_t code = FindType(element);
-        if (!code || ContainerOf(code) != Container::Single) return 0;
-        return MakeTypeCode(BaseOf(code), Container::Vector);
-    }
-    auto it = types_.find(name);
-    return it == types_.end() ? 0 : it->second;
-}
-
-bool Engine::KnowsType(uint32_t code) const {
-    if (BaseOf(code) < kBaseFirstCustom) return true;
-    const uint32_t single = MakeTypeCode(BaseOf(code), Container::Single);
-    return std::any_of(types_.begin(), types_.end(), [&](const auto& type) { return type.second == single; });
-}
-
-std::string Engine::TypeName(uint32_t code) const {
-    const uint32_t single = MakeTypeCode(BaseOf(code), Container::Single);
-    std::string name;
-    for (const auto& [typeName, typeCode] : types_)
-        if (typeCode == single) name = typeName;
-    if (name.empty()) return BuiltinTypeName(code);
-    if (ContainerOf(code) == Container::Vector) return "VECTOR<" + name + ">";
-    return ContainerOf(code) == Container::Single ? name : std::string();
-}
-
-AutoRefPtr<Variant> Engine::CreateInstance(uint32_t code) const {
-    AutoRefPtr<Variant> value(new Variant(code));
-    if (ContainerOf(code) == Container::Vector)
-        value->AssignVector(AutoRefPtr<IVectorGeneric>(new Vector(MakeTypeCode(BaseOf(code), Container::Single))));
-    return value;
-}
-
-AutoRefPtr<IUserDefinedType> Engine::NewValue(std::string_view typeName) {
-    const uint32_t code = FindType(typeName);
-    auto it = typeDeclarations_.find(code);
-    if (it == typeDeclarations_.end() || !it->second->factory) return nullptr;
-    AutoRefPtr<Context> context(new Context(*this, it->second));
-    return AutoRefPtr<IUserDefinedType>(it->second->factory(code, context.get()));
-}
-
-AutoRefPtr<IUserDefinedType> Engine::Deserialize(std::string_view typeName, std::string_view jsonText) {
-    AutoRefPtr<JSON::JSONWrapper> json = JSON::JSONWrapper::Parse(jsonText);
-    if (!json) return nullptr;
-    json->SetTypeId(FindType("JSON"));
-    if (typeName == "JSON") return AutoRefPtr<IUserDefinedType>(std::move(json));
-    AutoRefPtr<IUserDefinedType> value = NewValue(typeName);
-    if (!value) return nullptr;
-    AutoRefPtr<Context> context(new Context(*this, nullptr));
-    return value->Deserialize(json.get(), context.get()) ? value : nullptr;
-}
-
-void Engine::Bind(LoadedModule& module, std::vector<Declaration> declarations) {
-    // Types first, so that routines declared before a TYPE line still see its code.
-    for (Declaration& d : declarations)
-        if (d.kind == Declaration::Kind::Type) d.resultCode = DeclareType(d.name);
-    for (Declaration& d : declarations) {
-        d.module = module.name;
-        if (d.kind == Declaration::Kind::Function) d.resultCode = FindType(d.resultType);
-        for (const std::string& p : d.parameters) d.parameterCodes.push_back(FindType(p));
-        if (module.handle) {
-            void* symbol = dlsym(module.handle, d.entryName.c_str());
-            if (d.kind == Declaration::Kind::Type)
-                d.factory = reinterpret_cast<TypeFactory>(symbol);
-            else
-                d.entry = reinterpret_cast<RoutineEntry>(symbol);
-            if (!symbol) module.unresolved.push_back(d.entryName);
-        }
-        auto owned = std::make_unique<Declaration>(std::move(d));
-        if (owned->kind == Declaration::Kind::Type)
-            typeDeclarations_[owned->resultCode] = owned.get();
-        else
-            overloads_[owned->name].push_back(owned.get());
-        declarations_.push_back(std::move(owned));
-    }
 }
 
 const LoadedModule& Engine::Load(const std::string& path) {
@@ -328,110 +231,6 @@ std::vector<std::string> Engine::Unresolved() const {
     std::vector<std::string> names;
     for (const auto& m : modules_) names.insert(names.end(), m->unresolved.begin(), m->unresolved.end());
     return names;
-}
-
-const std::vector<const Declaration*>& Engine::Overloads(std::string_view name) const {
-    static const std::vector<const Declaration*> none;
-    auto it = overloads_.find(name);
-    return it == overloads_.end() ? none : it->second;
-}
-
-std::vector<std::string> Engine::Namespaces() const {
-    std::vector<std::string> names;
-    for (const auto& d : declarations_) {
-        std::string ns = d->Namespace();
-        if (std::find(names.begin(), names.end(), ns) == names.end()) names.push_back(std::move(ns));
-    }
-    return names;
-}
-
-std::vector<std::string> Engine::RoutineNames(std::string_view ns) const {
-    std::vector<std::string> names;
-    for (const auto& d : declarations_) {
-        if (d->kind == Declaration::Kind::Type || d->Namespace() != ns) continue;
-        if (std::find(names.begin(), names.end(), d->ShortName()) == names.end()) names.push_back(d->ShortName());
-    }
-    return names;
-}
-
-const Declaration* Engine::Choose(std::string_view name, const std::vector<AutoRefPtr<IVariant>>& arguments) const {
-    const std::vector<const Declaration*>& overloads = Overloads(name);
-    if (overloads.empty()) return nullptr;
-    // Surplus arguments are ignored by a routine, so an overload fits when its
-    // declared parameters match the leading arguments by type. The longest fit
-    // wins; among equally long ones, the first declared.
-    const Declaration* best = nullptr;
-    for (const Declaration* d : overloads) {
-        const size_t count = d->parameterCodes.size();
-        if (count > arguments.size() || (best && count <= best->parameterCodes.size())) continue;
-        bool match = true;
-        for (size_t i = 0; i < count && match; ++i)
-            match = arguments[i] && arguments[i]->GetType() == d->parameterCodes[i];
-        if (match) best = d;
-    }
-    if (best) return best;
-    // Nothing fits: the candidate whose argument status the caller gets.
-    for (const Declaration* d : overloads)
-        if (d->parameterCodes.size() == arguments.size()) return d;
-    return overloads.front();
-}
-
-const Declaration* Engine::FindEntry(std::string_view entryName) const {
-    for (const auto& d : declarations_)
-        if (d->entryName == entryName && d->kind != Declaration::Kind::Type) return d.get();
-    return nullptr;
-}
-
-const Declaration* Engine::FindRoutine(std::string_view name, const std::vector<std::string>& signature,
-                                       bool procedure) const {
-    for (const Declaration* d : Overloads(name)) {
-        if ((d->kind == Declaration::Kind::Procedure) != procedure || !d->entry) continue;
-        std::vector<std::string> types;
-        if (!procedure) types.push_back(d->resultType);
-        types.insert(types.end(), d->parameters.begin(), d->parameters.end());
-        if (types == signature) return d;
-    }
-    return nullptr;
-}
-
-CallOutcome Engine::Call(std::string_view name, std::vector<AutoRefPtr<IVariant>> arguments) {
-    const Declaration* declaration = Choose(name, arguments);
-    if (!declaration) throw std::invalid_argument("unknown routine " + std::string(name));
-    return CallDeclaration(*declaration, std::move(arguments));
-}
-
-CallOutcome Engine::CallEntry(std::string_view entryName, std::vector<AutoRefPtr<IVariant>> arguments) {
-    const Declaration* declaration = FindEntry(entryName);
-    if (!declaration) throw std::invalid_argument("unknown entry point " + std::string(entryName));
-    return CallDeclaration(*declaration, std::move(arguments));
-}
-
-CallOutcome Engine::CallDeclaration(const Declaration& declaration, std::vector<AutoRefPtr<IVariant>> arguments,
-                                    bool withResult) {
-    CallOutcome outcome;
-    outcome.declaration = &declaration;
-    if (!declaration.entry) throw std::invalid_argument("entry point " + declaration.entryName + " is not bound");
-    if (withResult) outcome.result = CreateInstance(declaration.resultCode);
-
-    std::vector<IVariant*> raw;
-    raw.reserve(arguments.size());
-    for (const auto& a : arguments) raw.push_back(a.get());
-
-    AutoRefPtr<Context> context(new Context(*this, &declaration));
-    for (;;) {
-        outcome.status = declaration.entry(static_cast<uint32_t>(raw.size()), raw.data(), outcome.result.get(), this,
-                                           context.get());
-        AutoRefPtr<IEvent> event = context->TakeEvent();
-        if (!context->IsInterrupted() || !event || outcome.resumptions >= options_.maxResumptions) break;
-        // Suspended on a descriptor: wait for it (or its timeout), then run the same call again.
-        if (auto* fdEvent = dynamic_cast<FDEvent*>(event.get())) fdEvent->Wait();
-        context->ClearInterrupted();
-        context->SetResuming(true);
-        ++outcome.resumptions;
-    }
-    outcome.errors = context->Errors();
-    context->ClearUserData(nullptr);
-    return outcome;
 }
 
 }  // namespace Ombrix::Host

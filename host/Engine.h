@@ -63,6 +63,10 @@ struct CallOutcome {
     const ErrorReport* error() const { return errors.empty() ? nullptr : &errors.front(); }
 };
 
+// A call started with Engine::Start: runs until it finishes or parks on an event.
+using CallHandle = uint64_t;
+struct CallRecord;  // EngineLoop.h
+
 struct LoadedModule {
     std::string path;
     void* handle = nullptr;
@@ -151,9 +155,36 @@ public:
     CallOutcome CallDeclaration(const Declaration& declaration, std::vector<AutoRefPtr<IVariant>> arguments,
                                 bool withResult = true);
 
+    // Calls that wait without holding the thread. Start runs a call until it
+    // finishes or interrupts with an event; an interrupted call is parked, and
+    // the event loop resumes it (IsResuming() true, same per-call user data)
+    // when its descriptor is ready or its timeout passes. The synchronous
+    // calls above are Start plus RunUntilFinished, so they also move every
+    // other parked call on while they wait.
+    CallHandle Start(std::string_view name, std::vector<AutoRefPtr<IVariant>> arguments);
+    CallHandle StartDeclaration(const Declaration& declaration, std::vector<AutoRefPtr<IVariant>> arguments,
+                                bool withResult = true);
+    // True when the call has finished; false while it is parked (or unknown).
+    bool Finished(CallHandle call) const;
+    // The outcome of a finished call, which the engine then forgets. Throws
+    // std::invalid_argument for an unknown or unfinished call.
+    CallOutcome TakeOutcome(CallHandle call);
+    // One turn of the loop: waits at most timeoutMilliseconds (negative: until
+    // something happens) for the events of the parked calls, then resumes each
+    // call whose event fired or timed out. Returns how many were resumed; 0 at
+    // once when nothing is parked.
+    size_t RunOnce(int timeoutMilliseconds = -1);
+    // Turns the loop until no call is parked.
+    void RunUntilIdle();
+    // Turns the loop until the call has finished.
+    void RunUntilFinished(CallHandle call);
+    size_t ParkedCalls() const;
+
 private:
     uint32_t DeclareType(const std::string& name);
     void Bind(LoadedModule& module, std::vector<Declaration> declarations);
+    CallRecord& Record(CallHandle call) const;
+    void Step(CallRecord& call);
 
     Options options_;
     AutoRefPtr<Configuration> configuration_;
@@ -167,6 +198,8 @@ private:
     std::map<std::string, uint32_t, std::less<>> types_;        // single custom types
     std::map<uint32_t, const Declaration*> typeDeclarations_;   // code -> TYPE declaration
     mutable std::atomic<uint64_t> lookups_{0};
+    std::map<CallHandle, std::unique_ptr<CallRecord>> calls_;  // started and not yet taken
+    CallHandle nextCall_ = 1;
 };
 
 }  // namespace Ombrix::Host

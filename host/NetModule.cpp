@@ -100,22 +100,10 @@ void SetBlocking(int32_t socket, bool blocking, IContext* context) {
                                ErrorText(errno));
 }
 
-// Waits until the socket is readable ("r"), writable ("w") or either ("rw"),
-// at most the given time (a negative time waits without limit). An error or
-// hang-up on the socket counts as ready: the next read or write reports it.
-bool Wait(int32_t socket, std::string mode, int32_t milliseconds, IContext* context) {
-    if (!CheckSocket(socket, context)) return false;
-    short events = 0;
-    if (mode == "r")
-        events = POLLIN;
-    else if (mode == "w")
-        events = POLLOUT;
-    else if (mode == "rw")
-        events = POLLIN | POLLOUT;
-    else {
-        InvalidArgument(context, "Invalid wait mode \"" + mode + "\" (expected \"r\", \"w\" or \"rw\")");
-        return false;
-    }
+// Looks once at the socket, waiting at most the given time (negative: without
+// limit). An error or hang-up on the socket counts as ready: the next read or
+// write reports it.
+bool Poll(int32_t socket, short events, int32_t milliseconds, IContext* context) {
     using Clock = std::chrono::steady_clock;
     const Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(milliseconds);
     pollfd entry{socket, events, 0};
@@ -137,6 +125,42 @@ bool Wait(int32_t socket, std::string mode, int32_t milliseconds, IContext* cont
         return false;
     }
     return (entry.revents & (events | POLLERR | POLLHUP)) != 0;
+}
+
+// Suspends the call on an event for the socket, so the host's event loop runs
+// other calls meanwhile; false when the host offers no event.
+bool Suspend(int32_t socket, uint32_t flags, int32_t milliseconds, IContext* context) {
+    AutoRefPtr<IEventScheduler> scheduler = context ? context->GetEventScheduler() : nullptr;
+    AutoRefPtr<IFDEvent> event =
+        scheduler ? scheduler->CreateFDEvent(nullptr, nullptr, socket, milliseconds < 0 ? -1 : milliseconds, flags)
+                  : nullptr;
+    return event && context->InterruptWithEvent(AutoRefPtr<IEvent>(std::move(event)), nullptr);
+}
+
+// Waits until the socket is readable ("r"), writable ("w") or either ("rw"),
+// at most the given time (a negative time waits without limit). The wait
+// itself is the host's: the call suspends on an event for the socket and,
+// run again once the socket is ready or the time has passed, looks at the
+// socket without waiting.
+bool Wait(int32_t socket, std::string mode, int32_t milliseconds, IContext* context) {
+    if (!CheckSocket(socket, context)) return false;
+    short events = 0;
+    if (mode == "r")
+        events = POLLIN;
+    else if (mode == "w")
+        events = POLLOUT;
+    else if (mode == "rw")
+        events = POLLIN | POLLOUT;
+    else {
+        InvalidArgument(context, "Invalid wait mode \"" + mode + "\" (expected \"r\", \"w\" or \"rw\")");
+        return false;
+    }
+    const bool resuming = context && context->IsResuming();
+    if (milliseconds != 0 && !resuming) {
+        const uint32_t flags = (events & POLLIN ? kEventReadable : 0u) | (events & POLLOUT ? kEventWritable : 0u);
+        if (Suspend(socket, flags, milliseconds, context)) return false;  // the host runs the call again
+    }
+    return Poll(socket, events, resuming ? 0 : milliseconds, context);
 }
 
 void Close(int32_t socket, IContext* context) {

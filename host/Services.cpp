@@ -2,7 +2,6 @@
 
 #include <poll.h>
 
-#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <strings.h>
@@ -75,23 +74,24 @@ std::vector<std::string> Configuration::GetAllMatchingKeys(const char* prefix) c
     return keys;
 }
 
-uint32_t FDEvent::Wait() {
-    pollfd entry{descriptor_, 0, 0};
-    if (flags_ & kEventReadable) entry.events |= POLLIN;
-    if (flags_ & kEventWritable) entry.events |= POLLOUT;
-    int status;
-    do {
-        status = ::poll(&entry, 1, timeout_);
-    } while (status < 0 && errno == EINTR);
-    ready_ = 0;
-    if (status > 0) {
-        if (entry.revents & (POLLIN | POLLHUP | POLLERR)) ready_ |= flags_ & kEventReadable;
-        if (entry.revents & (POLLOUT | POLLHUP | POLLERR)) ready_ |= flags_ & kEventWritable;
-        // A descriptor in error is ready for whatever was asked, so the caller sees the error.
-        if (!ready_ && (entry.revents & POLLNVAL)) ready_ = flags_;
-    }
+short FDEvent::PollEvents() const {
+    short events = 0;
+    if (flags_ & kEventReadable) events |= POLLIN;
+    if (flags_ & kEventWritable) events |= POLLOUT;
+    return events;
+}
+
+uint32_t FDEvent::ReadyFlags(short revents) const {
+    uint32_t ready = 0;
+    if (revents & (POLLIN | POLLHUP | POLLERR)) ready |= flags_ & kEventReadable;
+    if (revents & (POLLOUT | POLLHUP | POLLERR)) ready |= flags_ & kEventWritable;
+    if (!ready && (revents & POLLNVAL)) ready = flags_;
+    return ready;
+}
+
+void FDEvent::Fire(uint32_t ready) {
+    ready_ = ready;
     if (callback_) callback_(this, data_, ready_);
-    return ready_;
 }
 
 AutoRefPtr<IFDEvent> EventScheduler::CreateFDEvent(EventCallback callback, void* data, int32_t descriptor,

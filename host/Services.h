@@ -76,9 +76,14 @@ public:
     uint32_t GetFlags() const override { return flags_; }
     uint32_t GetReadyFlags() const override { return ready_; }
 
-    // Waits with poll until the descriptor is ready or the timeout passes, then
-    // runs the callback. Returns the ready flags (0 after a timeout).
-    uint32_t Wait();
+    // What the event loop saw: the ready flags (0 after a timeout) are kept
+    // for GetReadyFlags and handed to the callback.
+    void Fire(uint32_t ready);
+    // poll(2) events for the flags, and the flags a poll result makes ready.
+    // A descriptor in error or hung up is ready for whatever was asked, so the
+    // resumed call sees the error.
+    short PollEvents() const;
+    uint32_t ReadyFlags(short revents) const;
 
 private:
     EventCallback callback_;

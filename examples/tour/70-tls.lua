@@ -161,6 +161,21 @@ local function localServerTour(dir)
   show("same as the certificate built above", fetchedDigest == X.GetDigestFromCert("SHA256", serverCert))
   print("  The fetch verifies nothing; it reports what the server sends.")
 
+  heading("Tasks: fetches that wait together")
+  -- Each fetch runs as a task; while one waits for its server, the others go on.
+  -- Port 1 is closed: that task ends with an empty certificate, not an error.
+  local valid = {Ombrix.all({
+    function() return X.IsValid(X.X509FetchFromServer("127.0.0.1", server.port)) end,
+    function() return X.IsValid(X.X509FetchFromServer("localhost", server.port)) end,
+    function() return X.IsValid(X.X509FetchFromServer("127.0.0.1", 1)) end,
+  })}
+  show("Ombrix.all of three fetches: IsValid", table.concat({tostring(valid[1]), tostring(valid[2]), tostring(valid[3])}, ", "))
+  local task = Ombrix.spawn(function(port) return X.GetDigestFromCert("SHA256", X.X509FetchFromServer("127.0.0.1", port)) end, server.port)
+  show("Ombrix.spawn, then Ombrix.join: SHA-256", Ombrix.join(task):sub(1, 32) .. "...")
+  local failed, message = pcall(Ombrix.join, Ombrix.spawn(function() error("a task that fails", 0) end))
+  show("join re-raises a task's error", tostring(failed) .. ", " .. message)
+  print("  examples/cert_expiry.lua checks many servers' expiry dates this way.")
+
   heading("A verified session: CAFile trusts the CA, Host must match")
   local tls = X.CreateSSL(tlsConfiguration({{"CAFile", caFile}, {"Host", "localhost"}}))
   show("CreateSSL, State", X.State(tls))

@@ -8,6 +8,7 @@
 #include "LuaValues.h"
 #include "Ombrix/Json.h"
 #include "Ombrix/Routine.h"
+#include "Tasks.h"
 
 namespace OmbrixTool {
 
@@ -25,6 +26,17 @@ constexpr char kErrorMeta[] = "Ombrix.Error";
 
 // Every function here keeps its Engine as upvalue 1.
 Engine& EngineOf(lua_State* L) { return *static_cast<Engine*>(lua_touserdata(L, lua_upvalueindex(1))); }
+
+// What a body returns when its call parked inside a task: the task yields,
+// and ResumeCall finishes the routine when the task runs again.
+constexpr int kParked = -2;
+int ResumeCall(lua_State* L);
+template <int (*Body)(lua_State*)>
+int Protected(lua_State* L);
+template <int (*Body)(lua_State*)>
+int Continued(lua_State* L, int, lua_KContext) {
+    return Protected<Body>(L);
+}
 
 // Runs Body, which pushes its results and returns their count, or pushes an
 // error value and returns -1. The error is raised only here, after Body's
@@ -46,6 +58,7 @@ int Protected(lua_State* L) {
         lua_pushstring(L, failure);
         return lua_error(L);
     }
+    if (results == kParked) return lua_yieldk(L, 0, 0, &Continued<ResumeCall>);
     if (results < 0) return lua_error(L);
     return results;
 }
@@ -74,9 +87,12 @@ int ErrorToString(lua_State* L) {
     return 1;
 }
 
+int PushOutcome(lua_State* L, std::string_view name, const CallOutcome& outcome);
+
 // A routine of a namespace table; upvalue 2 is its script name, upvalue 3 its
 // declaration when it has only one (light userdata, else nil): every overload
-// choice picks the sole declaration, so such a call skips the choice.
+// choice picks the sole declaration, so such a call skips the choice. Inside a
+// task a call that parks yields the task instead of waiting.
 int CallRoutine(lua_State* L) {
     Engine& engine = EngineOf(L);
     size_t nameSize = 0;
@@ -109,18 +125,37 @@ int CallRoutine(lua_State* L) {
         return -1;
     }
     const bool function = declaration->kind == Declaration::Kind::Function;
-    CallOutcome outcome = engine.CallDeclaration(*declaration, std::move(arguments), function);
+    if (InTask(L)) {
+        const Ombrix::Host::CallHandle call = engine.StartDeclaration(*declaration, std::move(arguments), function);
+        if (!engine.Finished(call)) {
+            ParkTask(L, call);
+            return kParked;
+        }
+        return PushOutcome(L, std::string_view(name, nameSize), engine.TakeOutcome(call));
+    }
+    return PushOutcome(L, std::string_view(name, nameSize), engine.CallDeclaration(*declaration, std::move(arguments), function));
+}
+
+int ResumeCall(lua_State* L) {
+    const std::string name = lua_tostring(L, lua_upvalueindex(2));
+    return PushOutcome(L, name, EngineOf(L).TakeOutcome(TakeParkedCall(L)));
+}
+
+// Pushes a routine's result (none for a procedure), or an error value and -1.
+int PushOutcome(lua_State* L, std::string_view name, const CallOutcome& outcome) {
+    const bool function = outcome.declaration->kind == Declaration::Kind::Function;
     if (outcome.status) {
-        const std::string message = StatusMessage(outcome.status, std::string(name, nameSize));
+        const std::string message = StatusMessage(outcome.status, std::string(name));
         lua_pushlstring(L, message.data(), message.size());
         return -1;
     }
     for (const ErrorReport& report : outcome.errors) {
         if (report.severity >= Ombrix::kSeverityError) {
-            PushErrorObject(L, report, std::string(name, nameSize));
+            PushErrorObject(L, report, std::string(name));
             return -1;
         }
-        std::fprintf(stderr, "ombrix: %s reported %s: %s\n", name, report.id.c_str(), report.message.c_str());
+        std::fprintf(stderr, "ombrix: %.*s reported %s: %s\n", static_cast<int>(name.size()), name.data(),
+                     report.id.c_str(), report.message.c_str());
     }
     if (!function) return 0;
     if (outcome.result)

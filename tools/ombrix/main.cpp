@@ -15,6 +15,7 @@
 #include "Engine.h"
 #include "LuaEngine.h"
 #include "LuaValues.h"
+#include "Tasks.h"
 
 namespace {
 
@@ -108,7 +109,7 @@ int Run(Session& session, const CommandLine& line, int argc, char** argv) {
         for (const std::string& a : line.arguments) lua_pushlstring(L, a.data(), a.size());
         status = lua_pcall(L, static_cast<int>(line.arguments.size()), 0, handler);
     }
-    if (status == LUA_OK) return EXIT_SUCCESS;
+    if (status == LUA_OK) return OmbrixTool::FinishTasks(L);
     const char* message = lua_tostring(L, -1);
     std::fprintf(stderr, "ombrix: %s\n", message ? message : "(error object is not a string)");
     return EXIT_FAILURE;
@@ -157,6 +158,7 @@ int main(int argc, char** argv) {
     lua_pop(session.L, 1);
     OmbrixTool::OpenValues(session.L);
     OmbrixTool::OpenEngine(session.L, *session.engine, executable);
+    OmbrixTool::OpenTasks(session.L, *session.engine);
 
     const int status = Run(session, line, argc, argv);
     session.End();

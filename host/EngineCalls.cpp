@@ -1,0 +1,96 @@
+// Engine: running calls. A call runs until it finishes or interrupts with an
+// event; then it is parked and the event loop (EngineLoop.cpp) resumes it.
+#include <stdexcept>
+
+#include "EngineLoop.h"
+
+namespace Ombrix::Host {
+
+CallOutcome Engine::Call(std::string_view name, std::vector<AutoRefPtr<IVariant>> arguments) {
+    const Declaration* declaration = Choose(name, arguments);
+    if (!declaration) throw std::invalid_argument("unknown routine " + std::string(name));
+    return CallDeclaration(*declaration, std::move(arguments));
+}
+
+CallOutcome Engine::CallEntry(std::string_view entryName, std::vector<AutoRefPtr<IVariant>> arguments) {
+    const Declaration* declaration = FindEntry(entryName);
+    if (!declaration) throw std::invalid_argument("unknown entry point " + std::string(entryName));
+    return CallDeclaration(*declaration, std::move(arguments));
+}
+
+CallOutcome Engine::CallDeclaration(const Declaration& declaration, std::vector<AutoRefPtr<IVariant>> arguments,
+                                    bool withResult) {
+    const CallHandle call = StartDeclaration(declaration, std::move(arguments), withResult);
+    RunUntilFinished(call);
+    return TakeOutcome(call);
+}
+
+CallHandle Engine::Start(std::string_view name, std::vector<AutoRefPtr<IVariant>> arguments) {
+    const Declaration* declaration = Choose(name, arguments);
+    if (!declaration) throw std::invalid_argument("unknown routine " + std::string(name));
+    return StartDeclaration(*declaration, std::move(arguments));
+}
+
+CallHandle Engine::StartDeclaration(const Declaration& declaration, std::vector<AutoRefPtr<IVariant>> arguments,
+                                    bool withResult) {
+    if (!declaration.entry) throw std::invalid_argument("entry point " + declaration.entryName + " is not bound");
+    auto call = std::make_unique<CallRecord>();
+    call->declaration = &declaration;
+    call->outcome.declaration = &declaration;
+    if (withResult) call->outcome.result = CreateInstance(declaration.resultCode);
+    call->arguments = std::move(arguments);
+    call->raw.reserve(call->arguments.size());
+    for (const auto& a : call->arguments) call->raw.push_back(a.get());
+    call->context = AutoRefPtr<Context>(new Context(*this, &declaration));
+
+    const CallHandle handle = nextCall_++;
+    CallRecord& record = *call;
+    calls_.emplace(handle, std::move(call));
+    Step(record);
+    return handle;
+}
+
+// Runs the entry point once. A call that interrupted with an event is parked
+// on it, unless it has used up its resumptions; any other call is finished:
+// its errors are collected and its per-call user data released.
+void Engine::Step(CallRecord& call) {
+    CallOutcome& outcome = call.outcome;
+    Context& context = *call.context;
+    outcome.status = call.declaration->entry(static_cast<uint32_t>(call.raw.size()), call.raw.data(),
+                                             outcome.result.get(), this, &context);
+    AutoRefPtr<IEvent> event = context.TakeEvent();
+    if (context.IsInterrupted() && event && outcome.resumptions < options_.maxResumptions) {
+        call.deadline.reset();
+        if (const auto* fd = dynamic_cast<const FDEvent*>(event.get()); fd && fd->GetTimeoutMilliseconds() >= 0)
+            call.deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(fd->GetTimeoutMilliseconds());
+        call.event = std::move(event);
+        return;
+    }
+    outcome.errors = context.Errors();
+    context.ClearUserData(nullptr);
+    call.finished = true;
+    call.context = nullptr;
+    call.arguments.clear();
+    call.raw.clear();
+}
+
+CallRecord& Engine::Record(CallHandle call) const {
+    auto it = calls_.find(call);
+    if (it == calls_.end()) throw std::invalid_argument("unknown call " + std::to_string(call));
+    return *it->second;
+}
+
+bool Engine::Finished(CallHandle call) const {
+    auto it = calls_.find(call);
+    return it != calls_.end() && it->second->finished;
+}
+
+CallOutcome Engine::TakeOutcome(CallHandle call) {
+    CallRecord& record = Record(call);
+    if (!record.finished) throw std::invalid_argument("call " + std::to_string(call) + " has not finished");
+    CallOutcome outcome = std::move(record.outcome);
+    calls_.erase(call);
+    return outcome;
+}
+
+}  // namespace Ombrix::Host

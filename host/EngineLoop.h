@@ -1,0 +1,28 @@
+// The engine's record of one started call: what it runs, the context it keeps
+// across resumptions, and the event it is parked on.
+#pragma once
+
+#include <chrono>
+#include <optional>
+#include <vector>
+
+#include "Context.h"
+#include "Engine.h"
+
+namespace Ombrix::Host {
+
+struct CallRecord {
+    const Declaration* declaration = nullptr;
+    std::vector<AutoRefPtr<IVariant>> arguments;
+    std::vector<IVariant*> raw;  // the arguments as the entry point takes them
+    AutoRefPtr<Context> context;
+    CallOutcome outcome;
+    bool finished = false;
+    // While parked: the event, and when it times out (none for a negative timeout).
+    AutoRefPtr<IEvent> event;
+    std::optional<std::chrono::steady_clock::time_point> deadline;
+
+    bool Parked() const { return !finished && event; }
+};
+
+}  // namespace Ombrix::Host

@@ -1,0 +1,242 @@
+// The engine's event loop: calls that interrupt with an event are parked and
+// resumed by one poll over every parked call, so slow and silent servers
+// never hold up the others; each parked call keeps its own per-call state.
+#include <dirent.h>
+#include <sys/socket.h>
+
+#include <atomic>
+#include <chrono>
+#include <optional>
+#include <thread>
+
+#include "Harness.h"
+#include "TlsSupport.h"
+
+namespace Testing {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using Ombrix::Host::CallHandle;
+
+int OpenDescriptors() {
+    int count = 0;
+    if (DIR* dir = opendir("/proc/self/fd")) {
+        while (readdir(dir)) ++count;
+        closedir(dir);
+    }
+    return count;
+}
+
+double SecondsSince(Clock::time_point start) { return std::chrono::duration<double>(Clock::now() - start).count(); }
+
+// A server that waits before it answers each handshake.
+ServerOptions Delayed(const std::string& cert, int milliseconds) {
+    ServerOptions options;
+    options.cert = cert;
+    options.beforeHandshake = [milliseconds] { std::this_thread::sleep_for(std::chrono::milliseconds(milliseconds)); };
+    return options;
+}
+
+// Accepts one connection and sends the start of a TLS record one byte at a
+// time, so a client's handshake goes on waiting without ever finishing.
+class TrickleServer {
+public:
+    explicit TrickleServer(int intervalMs = 20, int bytes = 250) : listener_(ListenTcp(&port_)) {
+        thread_ = std::thread([this, intervalMs, bytes] {
+            const int fd = ::accept(listener_.fd, nullptr, nullptr);
+            if (fd < 0) return;
+            Socket connection(fd);
+            const char header[] = {0x16, 0x03, 0x03, 0x40, 0x00};  // handshake record, 16 KiB long
+            for (int i = 0; !stop_ && i < bytes; ++i) {
+                const char byte = i < 5 ? header[i] : 0;
+                if (::send(fd, &byte, 1, MSG_NOSIGNAL) != 1) break;
+                for (int slept = 0; !stop_ && slept < intervalMs; slept += 10)
+                    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+            }
+        });
+    }
+    ~TrickleServer() {
+        stop_ = true;
+        ::shutdown(listener_.fd, SHUT_RDWR);
+        thread_.join();
+    }
+    int port() const { return port_; }
+
+private:
+    int port_ = 0;
+    Socket listener_;
+    std::atomic<bool> stop_{false};
+    std::thread thread_;
+};
+
+class EventLoopTest : public ::testing::Test {
+protected:
+    void SetUp() override { descriptors_ = OpenDescriptors(); }
+    // Every test leaves the descriptors as it found them, parked calls included.
+    void TearDown() override {
+        engine_.reset();
+        EXPECT_EQ(OpenDescriptors(), descriptors_) << "a descriptor was left open";
+    }
+    Engine& MakeEngine(int maxResumptions = 1000) {
+        Engine::Options options;
+        options.maxResumptions = maxResumptions;
+        engine_.emplace(options);
+        engine_->Load(CRYPTOGRAPHY_MODULE_PATH);
+        return *engine_;
+    }
+    CallHandle StartFetch(int port) {
+        return engine_->Start("Cryptography.X509FetchFromServer", {Str("127.0.0.1"), Num(port)});
+    }
+    // The PEM text of a finished fetch ("" for an empty certificate).
+    std::string FetchedPem(CallHandle call, int* resumptions = nullptr) {
+        const CallOutcome outcome = engine_->TakeOutcome(call);
+        EXPECT_TRUE(outcome.ok());
+        if (resumptions) *resumptions = outcome.resumptions;
+        std::string pem;
+        if (AutoRefPtr<Ombrix::IJSON> saved = outcome.result->Serialize(nullptr)) saved->GetMemberString("value", pem);
+        return pem;
+    }
+
+    std::optional<Engine> engine_;
+    int descriptors_ = 0;
+};
+
+TEST_F(EventLoopTest, DelayedFetchesOverlap) {
+    MakeEngine();
+    TlsServer first(Delayed("server", 1000), [](SSL*, int) {});
+    TlsServer second(Delayed("alpha", 1000), [](SSL*, int) {});
+    const auto start = Clock::now();
+    const CallHandle a = StartFetch(first.port()), b = StartFetch(second.port());
+    EXPECT_FALSE(engine_->Finished(a));
+    EXPECT_EQ(engine_->ParkedCalls(), 2u);
+    engine_->RunUntilIdle();
+    EXPECT_LT(SecondsSince(start), 1.6) << "two 1 s handshakes run at once";
+    EXPECT_EQ(FetchedPem(a), ReadFile(TlsFile("server.pem")));
+    EXPECT_EQ(FetchedPem(b), ReadFile(TlsFile("alpha.pem")));
+}
+
+TEST_F(EventLoopTest, SilentServerDoesNotHoldUpAResponsiveOne) {
+    MakeEngine();
+    int silentPort = 0;
+    Socket silent = ListenTcp(&silentPort);  // accepts in the kernel, never answers
+    TlsServer responsive(ServerOptions{}, [](SSL*, int) {});
+    const auto start = Clock::now();
+    const CallHandle waiting = StartFetch(silentPort), answered = StartFetch(responsive.port());
+    while (!engine_->Finished(answered)) engine_->RunOnce();
+    EXPECT_LT(SecondsSince(start), 2.0);
+    EXPECT_EQ(FetchedPem(answered), ReadFile(TlsFile("server.pem")));
+    EXPECT_FALSE(engine_->Finished(waiting)) << "the silent server's fetch is still parked";
+    // The engine goes with the call parked: its connection must close too (TearDown).
+}
+
+TEST_F(EventLoopTest, ParkedCallsKeepTheirOwnState) {
+    MakeEngine();
+    // Several servers per certificate; later servers answer sooner, so calls
+    // finish in another order than they started.
+    const std::string certs[] = {"server", "alpha", "self", "other-ca"};
+    std::vector<std::unique_ptr<TlsServer>> servers;
+    std::vector<std::pair<CallHandle, std::string>> calls;
+    for (int i = 0; i < 12; ++i) {
+        const std::string& cert = certs[i % 4];
+        servers.push_back(std::make_unique<TlsServer>(Delayed(cert, 240 - 20 * i), [](SSL*, int) {}));
+        calls.emplace_back(StartFetch(servers.back()->port()), cert);
+    }
+    engine_->RunUntilIdle();
+    for (const auto& [call, cert] : calls) {
+        SCOPED_TRACE(cert);
+        EXPECT_EQ(FetchedPem(call), ReadFile(TlsFile(cert + ".pem")));
+    }
+}
+
+TEST_F(EventLoopTest, SynchronousCallMovesParkedCallsOn) {
+    MakeEngine();
+    TlsServer first(Delayed("server", 400), [](SSL*, int) {});
+    TlsServer second(Delayed("alpha", 400), [](SSL*, int) {});
+    const auto start = Clock::now();
+    const CallHandle parked = StartFetch(first.port());
+    const CallOutcome direct = engine_->Call("Cryptography.X509FetchFromServer", {Str("127.0.0.1"), Num(second.port())});
+    EXPECT_TRUE(direct.ok());
+    EXPECT_GT(direct.resumptions, 0);
+    engine_->RunUntilIdle();
+    EXPECT_LT(SecondsSince(start), 0.75) << "the parked fetch went on while Call waited";
+    EXPECT_EQ(FetchedPem(parked), ReadFile(TlsFile("server.pem")));
+}
+
+TEST_F(EventLoopTest, ResumptionBoundEndsWithAnEmptyCertificate) {
+    for (const int bound : {0, 3, 6}) {
+        SCOPED_TRACE(bound);
+        TrickleServer server;  // keeps the handshake going one byte at a time
+        MakeEngine(bound);
+        int resumptions = -1;
+        const CallHandle call = StartFetch(server.port());
+        engine_->RunUntilIdle();
+        EXPECT_EQ(FetchedPem(call, &resumptions), "");
+        EXPECT_EQ(resumptions, bound);
+    }
+}
+
+// A server that keeps each wait short of its 5 s timeout would hold a fetch
+// for 256 waits; the fetch gives up after 30 s in all. (The one slow test.)
+TEST_F(EventLoopTest, TricklingServerIsGivenUpOnAfterThirtySeconds) {
+    MakeEngine();
+    TrickleServer server(600, 100);  // a byte every 0.6 s for a minute
+    const auto start = Clock::now();
+    const CallHandle call = StartFetch(server.port());
+    engine_->RunUntilIdle();
+    const double seconds = SecondsSince(start);
+    int resumptions = 0;
+    EXPECT_EQ(FetchedPem(call, &resumptions), "");
+    EXPECT_GT(seconds, 29.5);
+    EXPECT_LT(seconds, 32.0);
+    EXPECT_GT(resumptions, 40) << "the server kept the handshake going all the while";
+}
+
+TEST_F(EventLoopTest, NetWaitParksUntilTheSocketIsReadyOrTheTimeIsUp) {
+    MakeEngine();
+    int pair[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair), 0);
+    Socket near(pair[0]), far(pair[1]);
+    const struct { const char* mode; int milliseconds; bool writeFirst, writeWhileParked, ready; double minSeconds; } cases[] = {
+        {"r", 5000, false, true, true, 0.0},   // data arrives while the call is parked
+        {"r", 150, false, false, false, 0.14},  // nothing arrives: false once the time is up
+        {"w", 5000, false, false, true, 0.0},   // writable at once
+        {"r", 0, true, false, true, 0.0},       // a zero wait looks without parking
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(std::string(c.mode) + " " + std::to_string(c.milliseconds));
+        char drain[16];
+        while (::recv(near.fd, drain, sizeof drain, MSG_DONTWAIT) > 0) {}
+        if (c.writeFirst) {
+            ASSERT_EQ(::send(far.fd, "x", 1, 0), 1);
+        }
+        const auto start = Clock::now();
+        const CallHandle call = engine_->Start("Net.Wait", {Num(near.fd), Str(c.mode), Num(c.milliseconds)});
+        EXPECT_EQ(engine_->Finished(call), c.milliseconds == 0);
+        if (c.writeWhileParked) {
+            engine_->RunOnce(0);
+            EXPECT_FALSE(engine_->Finished(call));
+            ASSERT_EQ(::send(far.fd, "x", 1, 0), 1);
+        }
+        engine_->RunUntilFinished(call);
+        const CallOutcome outcome = engine_->TakeOutcome(call);
+        EXPECT_TRUE(outcome.ok());
+        EXPECT_EQ(outcome.result->GetBoolean(), c.ready);
+        EXPECT_GE(SecondsSince(start), c.minSeconds);
+        EXPECT_LT(SecondsSince(start), 2.0);
+    }
+}
+
+TEST_F(EventLoopTest, OutcomesOfUnknownOrUnfinishedCallsAreRefused) {
+    MakeEngine();
+    EXPECT_EQ(engine_->RunOnce(-1), 0u) << "with nothing parked the loop returns at once";
+    int silentPort = 0;
+    Socket silent = ListenTcp(&silentPort);
+    const CallHandle parked = StartFetch(silentPort);
+    EXPECT_THROW(engine_->TakeOutcome(parked), std::invalid_argument);
+    EXPECT_THROW(engine_->TakeOutcome(parked + 100), std::invalid_argument);
+    EXPECT_FALSE(engine_->Finished(parked + 100));
+    EXPECT_EQ(engine_->ParkedCalls(), 1u);
+}
+
+}  // namespace
+}  // namespace Testing

@@ -1,0 +1,202 @@
+// Tasks in the ombrix command and the cert_expiry example: scripts run by the
+// built tool against TLS servers on 127.0.0.1.
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <thread>
+
+#include "Harness.h"
+#include "TlsSupport.h"
+
+namespace Testing {
+namespace {
+
+struct ToolRun {
+    int status = -1;
+    std::string output;  // standard output and error
+    double seconds = 0;
+};
+
+ToolRun RunTool(const std::string& arguments) {
+    ToolRun run;
+    const auto start = std::chrono::steady_clock::now();
+    const std::string command = std::string("timeout 60 '") + OMBRIX_TOOL_PATH + "' " + arguments + " 2>&1";
+    if (FILE* pipe = popen(command.c_str(), "r")) {
+        char buffer[4096];
+        for (size_t n; (n = fread(buffer, 1, sizeof buffer, pipe)) > 0;) run.output.append(buffer, n);
+        const int status = pclose(pipe);
+        run.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    }
+    run.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    return run;
+}
+
+// Runs a Lua script given as text; the ports follow as arguments.
+ToolRun RunScript(const std::string& script, const std::vector<int>& ports) {
+    char path[] = "/tmp/ombrix-tasks-XXXXXX";
+    const int fd = mkstemp(path);
+    EXPECT_GE(fd, 0);
+    ::close(fd);
+    std::ofstream(path) << script;
+    std::string arguments = std::string("'") + path + "'";
+    for (int port : ports) arguments += " " + std::to_string(port);
+    ToolRun run = RunTool(arguments);
+    std::remove(path);
+    return run;
+}
+
+// A server that waits before each handshake, then runs the session.
+std::unique_ptr<TlsServer> Server(const std::string& cert, int delayMs, std::function<void(SSL*, int)> session = {}) {
+    // A fetch drops its connection mid-handshake; the server's next write must fail, not end the test.
+    std::signal(SIGPIPE, SIG_IGN);
+    ServerOptions options;
+    options.cert = cert;
+    options.beforeHandshake = [delayMs] { std::this_thread::sleep_for(std::chrono::milliseconds(delayMs)); };
+    return std::make_unique<TlsServer>(options, session ? session : [](SSL*, int) {});
+}
+
+const char kFetch[] = R"lua(
+local X = Cryptography
+local function fetch(port)
+  return function()
+    return X.GetDigestFromCert("SHA256", X.X509FetchFromServer("127.0.0.1", tonumber(port)))
+  end
+end
+)lua";
+
+TEST(TasksTool, AnErrorInOneTaskLeavesTheOthersIntact) {
+    auto a = Server("server", 300), b = Server("alpha", 300);
+    const std::string script = std::string(kFetch) + R"lua(
+local tasks = {Ombrix.spawn(fetch(arg[1])), Ombrix.spawn(function() error("task two fails") end),
+               Ombrix.spawn(fetch(arg[2]))}
+for i, task in ipairs(tasks) do
+  local ok, value = pcall(Ombrix.join, task)
+  print(i, ok, ok and value or tostring(value):match("task two fails"))
+end
+local ok, err = pcall(Ombrix.all, {fetch(arg[1]), function() error({code = 7}) end, fetch(arg[2])})
+print("all", ok, type(err) == "table" and err.code)
+print("again", Ombrix.join(tasks[3]) == Ombrix.join(tasks[3]))
+)lua";
+    const ToolRun run = RunScript(script, {a->port(), b->port()});
+    EXPECT_EQ(run.status, 0) << run.output;
+    EXPECT_NE(run.output.find("2\tfalse\ttask two fails"), std::string::npos) << run.output;
+    EXPECT_NE(run.output.find("all\tfalse\t7"), std::string::npos) << run.output;
+    EXPECT_NE(run.output.find("again\ttrue"), std::string::npos) << run.output;
+    for (const char* line : {"1\ttrue\t", "3\ttrue\t"}) {
+        const size_t at = run.output.find(line);
+        ASSERT_NE(at, std::string::npos) << run.output;
+        EXPECT_EQ(run.output.substr(at + 7, 64).find_first_not_of("0123456789abcdef"), std::string::npos)
+            << "a SHA-256 digest of the fetched certificate: " << run.output;
+    }
+}
+
+TEST(TasksTool, TasksFetchEachTheirOwnServersCertificateAtOnce) {
+    auto a = Server("server", 800), b = Server("alpha", 800);
+    const std::string script = std::string(kFetch) + R"lua(
+local one, two = Ombrix.all({fetch(arg[1]), fetch(arg[2])})
+print(one, two)
+)lua";
+    const ToolRun run = RunScript(script, {a->port(), b->port()});
+    EXPECT_EQ(run.status, 0) << run.output;
+    EXPECT_LT(run.seconds, 1.5) << "two 0.8 s handshakes overlap";
+    const std::string check = std::string(kFetch) + R"lua(
+print(fetch(arg[1])(), fetch(arg[2])())
+)lua";
+    auto c = Server("server", 0), d = Server("alpha", 0);
+    EXPECT_EQ(RunScript(check, {c->port(), d->port()}).output, run.output) << "outside tasks: the same certificates";
+}
+
+TEST(TasksTool, NetWaitInTasksInterleavesTlsReads) {
+    // Each server answers its client's line after a pause.
+    auto reply = [](const char* text) {
+        return [text](SSL* ssl, int) {
+            char line[64];
+            if (SSL_read(ssl, line, sizeof line) <= 0) return;
+            std::this_thread::sleep_for(std::chrono::milliseconds(800));
+            SSL_write(ssl, text, static_cast<int>(strlen(text)));
+        };
+    };
+    auto a = Server("server", 0, reply("one\n")), b = Server("server", 0, reply("two\n"));
+    const std::string script = R"lua(
+local X = Cryptography
+local function session(port)
+  return function()
+    local socket = Net.Connect("127.0.0.1", tonumber(port))
+    Net.SetBlocking(socket, false)
+    local tls = X.CreateSSL(JSON.FromString('{"Verify": false}'))
+    local function drive(step)
+      while true do
+        local result = step()
+        if result then return result end
+        local state = X.State(tls)
+        assert(state == 2 or state == 3, X.Error(tls))
+        assert(Net.Wait(socket, state == 2 and "r" or "w", 5000), "socket ready in time")
+      end
+    end
+    drive(function() return X.Connect(tls, socket) end)
+    drive(function() local n = X.Write(tls, "hi\n", 3) return n > 0 and n end)
+    local buffer = Data("")
+    drive(function() local n = X.Read(tls, buffer, 64) return n > 0 and n end)
+    X.Shutdown(tls)
+    Net.Close(socket)
+    return buffer:bytes()
+  end
+end
+local one, two = Ombrix.all({session(arg[1]), session(arg[2])})
+io.write(one, two)
+)lua";
+    const ToolRun run = RunScript(script, {a->port(), b->port()});
+    EXPECT_EQ(run.status, 0) << run.output;
+    EXPECT_EQ(run.output, "one\ntwo\n");
+    EXPECT_LT(run.seconds, 1.5) << "the two 0.8 s pauses overlap";
+}
+
+TEST(TasksTool, UnjoinedTasksRunToTheEndAndTheirFailuresCount) {
+    const struct { const char* script; int status; const char* output; } cases[] = {
+        {"Ombrix.spawn(function() print('ran') end)", 0, "ran\n"},
+        {"Ombrix.spawn(function() error('lost', 0) end)", 1, "ombrix: task 1 failed: lost\n"},
+        {"local t = Ombrix.spawn(function() error('seen', 0) end) print(pcall(Ombrix.join, t))", 0, "false\tseen\n"},
+        {"print(pcall(Ombrix.join, Ombrix.spawn(function() return coroutine.yield() or 5 end)))", 0, "true\t5\n"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.script);
+        const ToolRun run = RunScript(c.script, {});
+        EXPECT_EQ(run.status, c.status);
+        EXPECT_EQ(run.output, c.output);
+    }
+}
+
+TEST(TasksTool, CertExpiryReportsByUrgency) {
+    auto server = Server("server", 0), alpha = Server("alpha", 0);
+    int closedPort = 0;
+    ListenTcp(&closedPort);  // closed again at once
+    const std::string example = std::string("'") + PROJECT_SOURCE_DIR + "/examples/cert_expiry.lua'";
+    const std::string good = " 127.0.0.1:" + std::to_string(server->port()) + " localhost:" + std::to_string(alpha->port());
+    const std::string closed = " 127.0.0.1:" + std::to_string(closedPort);
+    const struct { std::string arguments; int status; std::vector<std::string> inOrder; } cases[] = {
+        {good, 0, {"ok       127.0.0.1:", "subject commonName=localhost", "ok       localhost:", "0 of 2 servers"}},
+        {good + closed, 1, {"FAIL     127.0.0.1:" + std::to_string(closedPort) + ": no certificate", "ok", "1 of 3"}},
+        {good + " --days 100000", 1, {"EXPIRING", "EXPIRING", "2 of 2 servers need attention (threshold 100000 days)"}},
+        {"", 2, {"usage: cert_expiry.lua"}},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.arguments);
+        const ToolRun run = RunTool(example + c.arguments);
+        EXPECT_EQ(run.status, c.status) << run.output;
+        EXPECT_EQ(run.output.find("1969"), std::string::npos) << "no date from an empty certificate";
+        size_t at = 0;
+        for (const std::string& part : c.inOrder) {
+            at = run.output.find(part, at);
+            ASSERT_NE(at, std::string::npos) << part << " in\n" << run.output;
+            at += part.size();
+        }
+    }
+}
+
+}  // namespace
+}  // namespace Testing
