@@ -14,6 +14,7 @@
 #include "Algorithms.h"
 #include "Cipher.h"
 #include "Codec.h"
+#include "Fetched.h"
 #include "Ombrix/Data.h"
 #include "Routine.h"
 
@@ -73,7 +74,7 @@ std::string GcmSeal(const EVP_CIPHER* cipher, std::string_view plaintext, std::s
         return {};
     }
     const OpenSSL::MinimumLengthKey keyBytes(key, KeyLength(cipher));
-    if (EVP_EncryptInit_ex(ctx.get(), cipher, nullptr, keyBytes.data(), Out(token)) != 1) {
+    if (EVP_EncryptInit_ex(ctx.get(), FetchedCipher(cipher), nullptr, keyBytes.data(), Out(token)) != 1) {
         Report(context, kFunctionError, "Setting up cipher context failed!");
         return {};
     }
@@ -110,7 +111,7 @@ std::optional<std::string> GcmOpen(const EVP_CIPHER* cipher, std::string_view to
         return std::nullopt;
     }
     const OpenSSL::MinimumLengthKey keyBytes(key, KeyLength(cipher));
-    if (EVP_DecryptInit_ex(ctx.get(), cipher, nullptr, keyBytes.data(), In(decoded)) != 1) {
+    if (EVP_DecryptInit_ex(ctx.get(), FetchedCipher(cipher), nullptr, keyBytes.data(), In(decoded)) != 1) {
         Report(context, kFunctionError, "Setting up cipher context failed!");
         return std::nullopt;
     }
@@ -210,7 +211,7 @@ AutoRefPtr<IVectorGeneric> EncryptChaCha(std::string plaintext, std::string key,
             nonce->Read(reinterpret_cast<char*>(nonceCopy), nonceLength, 0);
     }
     const OpenSSL::MinimumLengthKey keyBytes(key, KeyLength(cipher));
-    if (EVP_EncryptInit_ex(ctx.get(), cipher, nullptr, keyBytes.data(), nonceBytes) != 1) {
+    if (EVP_EncryptInit_ex(ctx.get(), FetchedCipher(cipher), nullptr, keyBytes.data(), nonceBytes) != 1) {
         Report(context, kFunctionError, "Setting up cipher context failed!");
         return result;
     }
@@ -260,7 +261,7 @@ std::string DecryptChaChaBytes(const IDataRef* ciphertext, const IDataRef* tag, 
         return {};
     }
     const OpenSSL::MinimumLengthKey keyBytes(key, KeyLength(cipher));
-    if (EVP_DecryptInit_ex(ctx.get(), cipher, nullptr, keyBytes.data(), nonceBytes ? nonceBytes->data() : nullptr) !=
+    if (EVP_DecryptInit_ex(ctx.get(), FetchedCipher(cipher), nullptr, keyBytes.data(), nonceBytes ? nonceBytes->data() : nullptr) !=
         1) {
         Report(context, kFunctionError, "Setting up cipher context failed!");
         return {};

@@ -5,6 +5,8 @@
 #include <cstring>
 #include <stdexcept>
 
+#include "Fetched.h"
+
 namespace OpenSSL {
 
 using InitFunction = int (*)(EVP_CIPHER_CTX*, const EVP_CIPHER*, ENGINE*, const unsigned char*, const unsigned char*);
@@ -23,7 +25,7 @@ static Ombrix::AutoRefPtr<T> Initialise(const EVP_CIPHER* cipher, std::string_vi
     Ombrix::AutoRefPtr<T> created(make());
     const auto* keyBytes = adjusted.empty() ? nullptr : reinterpret_cast<const unsigned char*>(adjusted.data());
     const unsigned char* ivBytes = iv ? iv->data() : nullptr;
-    const int status = init(created->context_.get(), cipher, nullptr, keyBytes, ivBytes);
+    const int status = init(created->context_.get(), Cryptography::FetchedCipher(cipher), nullptr, keyBytes, ivBytes);
     if (status != 1) {
         if (throwOnFailure) throw std::runtime_error(failureText + std::to_string(status));
         return nullptr;
@@ -68,15 +70,52 @@ void ACryptoBase::CheckRoom() {
                     std::to_string(written_ + blockSize_) + ", but there is only: " + std::to_string(capacity_));
 }
 
+void ACryptoBase::CheckIntSize(uint64_t length) {
+    if (length > static_cast<uint64_t>(INT_MAX))
+        ReportError("There is not enough space in an 'int' to hold the value of '" + std::to_string(length) + "'");
+}
+
 void ACryptoBase::Update(const unsigned char* input, uint64_t length) {
     if (!input || length == 0) return;
     CheckRoom();
-    if (length > static_cast<uint64_t>(INT_MAX))
-        ReportError("There is not enough space in an 'int' to hold the value of '" + std::to_string(length) + "'");
+    CheckIntSize(length);
     int produced = 0;
     const int status = CipherUpdate(context_.get(), output_ + written_, &produced, input, static_cast<int>(length));
     if (status != 1) ReportError("Error on update. Status: " + std::to_string(status));
     written_ += static_cast<uint64_t>(produced);
+}
+
+// One piece of an UpdateInPieces. The whole already passed the checks; the
+// room check here only guards the buffer and cannot fire for the ciphers
+// that stream in pieces.
+void ACryptoBase::UpdatePiece(const unsigned char* piece, uint64_t length) {
+    if (written_ + length + blockSize_ > capacity_ + kOutputSlack)
+        ReportError("Maybe corrupt input data. There is not enough space in the output buffer. Needed: " +
+                    std::to_string(written_ + length + blockSize_) + ", but there is only: " + std::to_string(capacity_));
+    int produced = 0;
+    const int status = CipherUpdate(context_.get(), output_ + written_, &produced, piece, static_cast<int>(length));
+    if (status != 1) ReportError("Error on update. Status: " + std::to_string(status));
+    written_ += static_cast<uint64_t>(produced);
+}
+
+bool StreamsInPieces(const EVP_CIPHER* cipher, uint64_t pieceSize) {
+    if (!cipher) return false;
+    const int block = EVP_CIPHER_get_block_size(cipher);
+    if (block <= 0 || pieceSize % static_cast<uint64_t>(block) != 0) return false;
+    constexpr unsigned long kUnitFlags =
+        EVP_CIPH_FLAG_AEAD_CIPHER | EVP_CIPH_FLAG_CUSTOM_CIPHER | EVP_CIPH_FLAG_PIPELINE | EVP_CIPH_FLAG_LENGTH_BITS;
+    if ((EVP_CIPHER_get_flags(cipher) & kUnitFlags) != 0) return false;
+    switch (EVP_CIPHER_get_mode(cipher)) {
+        case EVP_CIPH_STREAM_CIPHER:
+        case EVP_CIPH_ECB_MODE:
+        case EVP_CIPH_CBC_MODE:
+        case EVP_CIPH_CFB_MODE:
+        case EVP_CIPH_OFB_MODE:
+        case EVP_CIPH_CTR_MODE:
+            return true;
+        default:
+            return false;
+    }
 }
 
 uint64_t ACryptoBase::Final() {

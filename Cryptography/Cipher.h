@@ -63,6 +63,20 @@ public:
 class ACryptoBase : public AUpdatable {
 public:
     void Update(const unsigned char* input, uint64_t length) override;
+    // The same as one Update over total bytes that arrive in pieces:
+    // feed(sink) calls sink(pointer, length) for each piece in order. The room
+    // and size checks are made for the whole, as Update makes them. Only for
+    // ciphers where StreamsInPieces holds.
+    template <class Feed>
+    void UpdateInPieces(uint64_t total, Feed&& feed) {
+        if (total == 0) return;
+        CheckRoom();
+        CheckIntSize(total);
+        feed([this](const char* piece, size_t length) {
+            UpdatePiece(reinterpret_cast<const unsigned char*>(piece), length);
+            return true;
+        });
+    }
     // Flushes the last block; returns the total number of bytes written.
     uint64_t Final();
 
@@ -78,6 +92,8 @@ private:
     friend struct CipherFactory;
 
     void CheckRoom();
+    void CheckIntSize(uint64_t length);
+    void UpdatePiece(const unsigned char* piece, uint64_t length);
 
     CipherContextPtr context_;
     uint64_t written_ = 0;
@@ -120,6 +136,12 @@ private:
 // Output room for encrypting length bytes: rounded up to the next whole block,
 // a full extra block when already whole. Throws for a block size <= 0.
 uint64_t EncryptedSize(const EVP_CIPHER* cipher, uint64_t length);
+
+// Whether updating the cipher piece by piece (pieces a multiple of its block)
+// gives the same output as one update over the whole: the plain block and
+// stream modes. Wrap, XTS, CCM, SIV, OCB and the other AEAD and stitched
+// ciphers treat each update as a unit of their own.
+bool StreamsInPieces(const EVP_CIPHER* cipher, uint64_t pieceSize);
 
 // Bytes an output buffer keeps beyond the room it declares. Key-wrap ciphers
 // write up to two blocks more than EncryptedSize in one update (the integrity

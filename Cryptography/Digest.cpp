@@ -13,13 +13,14 @@
 #include <string>
 
 #include "Algorithms.h"
+#include "Fetched.h"
 #include "Ombrix/Data.h"
 #include "Routine.h"
 
 namespace OpenSSL {
 
 CHash::CHash(const EVP_MD* md) : fCtx(EVP_MD_CTX_new()), fMd(md) {
-    const int status = (fCtx && fMd) ? EVP_DigestInit_ex(fCtx.get(), fMd, nullptr) : 0;
+    const int status = (fCtx && fMd) ? EVP_DigestInit_ex(fCtx.get(), Cryptography::FetchedDigest(fMd), nullptr) : 0;
     if (status != 1) {
         fCtx.reset();
         throw std::runtime_error("Error on 'EVP_DigestInit'. Status: " + std::to_string(status));

@@ -13,6 +13,7 @@
 #include <cstdlib>
 #include <string>
 
+#include "Fetched.h"
 #include "Routine.h"
 
 using Ombrix::AutoRefPtr;
@@ -59,9 +60,13 @@ bool InitializeOpenSSL(const IConfiguration* configuration, ILogger* logger) {
     OPENSSL_init_ssl(0, nullptr);
     OPENSSL_init_crypto(OPENSSL_INIT_ADD_ALL_CIPHERS | OPENSSL_INIT_ADD_ALL_DIGESTS, nullptr);
     OPENSSL_init_ssl(OPENSSL_INIT_LOAD_SSL_STRINGS | OPENSSL_INIT_LOAD_CRYPTO_STRINGS, nullptr);
-    if (fips && !EVP_default_properties_is_fips_enabled(nullptr) && !EVP_default_properties_enable_fips(nullptr, 1)) {
-        if (logger) logger->ErrorLog(kModuleName, "Could not enable FIPS mode in OpenSSL!", 0, nullptr);
-        return false;
+    if (fips && !EVP_default_properties_is_fips_enabled(nullptr)) {
+        const bool enabled = EVP_default_properties_enable_fips(nullptr, 1);
+        DefaultPropertiesChanged();
+        if (!enabled) {
+            if (logger) logger->ErrorLog(kModuleName, "Could not enable FIPS mode in OpenSSL!", 0, nullptr);
+            return false;
+        }
     }
     return true;
 }
@@ -118,8 +123,10 @@ CRYPTOGRAPHY_EXPORT uint32_t RegisterModule(IModuleInfo* info) {
 CRYPTOGRAPHY_EXPORT void DeregisterModule() {
     using namespace Cryptography;
     if (registrations.fetch_sub(1) == 1 && opensslInitialized) {
+        const bool wasFips = EVP_default_properties_is_fips_enabled(nullptr);
         EVP_default_properties_enable_fips(nullptr, 0);
         CONF_modules_unload(1);
+        if (wasFips) DefaultPropertiesChanged();
     }
 }
 

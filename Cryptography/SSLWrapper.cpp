@@ -4,6 +4,7 @@
 
 #include <cstring>
 
+#include "CaStore.h"
 #include "Routine.h"
 #include "openssl/NoPassphrase.h"
 
@@ -122,7 +123,11 @@ bool SSLWrapper::ConfigureContext(SSL_CTX* context, const TlsConfiguration& c) {
             RecordFailure("Failed to load CA file/directory");
             return false;
         }
-        if (c.loadDefaultCAPaths && !SSL_CTX_set_default_verify_paths(context)) {
+        // With no CA file or directory of its own, the context takes the
+        // shared store of the default locations.
+        const bool defaultsOnly = c.caFile.empty() && c.caPath.empty();
+        if (c.loadDefaultCAPaths &&
+            !(defaultsOnly ? UseDefaultVerifyPaths(context) : SSL_CTX_set_default_verify_paths(context))) {
             RecordFailure("Failed to load default CA file/directory");
             return false;
         }

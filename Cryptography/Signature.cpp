@@ -8,6 +8,8 @@
 #include <string_view>
 
 #include "Algorithms.h"
+#include "Chunks.h"
+#include "Fetched.h"
 #include "Key.h"
 #include "Ombrix/Data.h"
 #include "Routine.h"
@@ -140,7 +142,7 @@ AutoRefPtr<Data> SignDataWithKey(AutoRefPtr<IDataRef> message, AutoRefPtr<Key> k
 
 // The checks run in a fixed order: digest name, signature size, digest
 // initialisation, key, update, final check. A mismatch is reported too.
-bool VerifyWithKey(std::string_view message, const Key* key, const std::string& digestName,
+bool VerifyWithKey(const MessageBytes& message, const Key* key, const std::string& digestName,
                    const IDataRef* signature, IContext* context) {
     const EVP_MD* md = FindDigest(digestName, context, '.');
     if (!md) return false;
@@ -149,7 +151,7 @@ bool VerifyWithKey(std::string_view message, const Key* key, const std::string& 
         return false;
     }
     const OpenSSL::MdContextPtr ctx(EVP_MD_CTX_new());
-    if (!ctx || EVP_DigestInit_ex(ctx.get(), md, nullptr) != 1) {
+    if (!ctx || EVP_DigestInit_ex(ctx.get(), FetchedDigest(md), nullptr) != 1) {
         Report(context, kFunctionError, "VerifyInit failed.");
         return false;
     }
@@ -157,14 +159,16 @@ bool VerifyWithKey(std::string_view message, const Key* key, const std::string& 
         Report(context, kFunctionError, "No public key given");
         return false;
     }
-    const int status = EVP_DigestUpdate(ctx.get(), message.data(), message.size());
+    // The first update that fails decides the status reported.
+    int status = 1;
+    message.Feed([&](const char* bytes, size_t length) { return (status = EVP_DigestUpdate(ctx.get(), bytes, length)) == 1; });
     if (status != 1) {
         Report(context, kFunctionError, "Error on 'EVP_VerifyUpdate'. Status: " + std::to_string(status));
         return false;
     }
     const Ombrix::DataBytes signatureBytes(signature);
     // The report below quotes the final check's own error, nothing older.
-    ERR_clear_error();
+    ClearErrorQueue();
     if (EVP_VerifyFinal(ctx.get(), reinterpret_cast<const unsigned char*>(signatureBytes.data()),
                         static_cast<unsigned int>(signatureBytes.size()), key->PKey()) == 1)
         return true;
@@ -174,7 +178,7 @@ bool VerifyWithKey(std::string_view message, const Key* key, const std::string& 
 }
 
 // Verifies with a PUBLIC KEY PEM block held in a byte buffer.
-bool VerifyWithPEM(std::string_view message, const IDataRef* keyBuffer, const std::string& digestName,
+bool VerifyWithPEM(const MessageBytes& message, const IDataRef* keyBuffer, const std::string& digestName,
                    const IDataRef* signature, IContext* context) {
     if (!SizeInRange(keyBuffer, kMaxKeyBytes)) {
         Report(context, kFunctionError, "Key size out of range");
@@ -195,25 +199,23 @@ bool VerifyWithPEM(std::string_view message, const IDataRef* keyBuffer, const st
 
 bool VerifyMessageWithPEM(std::string message, AutoRefPtr<IDataRef> keyBuffer, std::string digestName,
                           AutoRefPtr<IDataRef> signature, IContext* context) {
-    return VerifyWithPEM(message, keyBuffer.get(), digestName, signature.get(), context);
+    return VerifyWithPEM(std::string_view(message), keyBuffer.get(), digestName, signature.get(), context);
 }
 
-// Unlike signing, a byte-buffer message is read whole before verification.
+// A byte-buffer message without contiguous bytes is digested in bounded chunks.
 bool VerifyDataWithPEM(AutoRefPtr<IDataRef> message, AutoRefPtr<IDataRef> keyBuffer, std::string digestName,
                        AutoRefPtr<IDataRef> signature, IContext* context) {
-    const Ombrix::DataBytes bytes(message);
-    return VerifyWithPEM(bytes.view(), keyBuffer.get(), digestName, signature.get(), context);
+    return VerifyWithPEM(MessageBytes(message.get()), keyBuffer.get(), digestName, signature.get(), context);
 }
 
 bool VerifyMessageWithKey(std::string message, AutoRefPtr<Key> key, std::string digestName,
                           AutoRefPtr<IDataRef> signature, IContext* context) {
-    return VerifyWithKey(message, key.get(), digestName, signature.get(), context);
+    return VerifyWithKey(std::string_view(message), key.get(), digestName, signature.get(), context);
 }
 
 bool VerifyDataWithKey(AutoRefPtr<IDataRef> message, AutoRefPtr<Key> key, std::string digestName,
                        AutoRefPtr<IDataRef> signature, IContext* context) {
-    const Ombrix::DataBytes bytes(message);
-    return VerifyWithKey(bytes.view(), key.get(), digestName, signature.get(), context);
+    return VerifyWithKey(MessageBytes(message.get()), key.get(), digestName, signature.get(), context);
 }
 
 }  // namespace

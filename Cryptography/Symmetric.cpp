@@ -9,6 +9,7 @@
 #include <string_view>
 
 #include "Algorithms.h"
+#include "Chunks.h"
 #include "Cipher.h"
 #include "Ombrix/Data.h"
 #include "Routine.h"
@@ -29,7 +30,22 @@ void ReportException(IContext* context, const std::exception& e, const char* fal
     Report(context, kFunctionError, text && *text ? text : fallback);
 }
 
-AutoRefPtr<Data> EncryptBytes(const std::string& cipherName, std::string_view plaintext, std::string& key,
+// Hands the whole input to the cipher: in place when contiguous, in chunks
+// when the cipher streams (a file-backed buffer is then never copied), else
+// read whole into one copy.
+void Feed(OpenSSL::ACryptoBase& crypter, const EVP_CIPHER* cipher, const MessageBytes& input) {
+    const IDataRef* chunked = input.Chunked();
+    if (!chunked) {
+        if (!input.View().empty()) crypter.Update(Bytes(input.View()), input.View().size());
+    } else if (OpenSSL::StreamsInPieces(cipher, kChunkBytes)) {
+        crypter.UpdateInPieces(input.Size(), [&](auto&& sink) { input.Feed(sink); });
+    } else {
+        const Ombrix::DataBytes whole(chunked);
+        if (!whole.empty()) crypter.Update(Bytes(whole.view()), whole.size());
+    }
+}
+
+AutoRefPtr<Data> EncryptBytes(const std::string& cipherName, const MessageBytes& plaintext, std::string& key,
                               const IDataRef* iv, IContext* context) {
     OpenSSL::WipeOnExit wipeKey(key);
     AutoRefPtr<Data> result = Data::Make();
@@ -39,12 +55,12 @@ AutoRefPtr<Data> EncryptBytes(const std::string& cipherName, std::string_view pl
         std::optional<OpenSSL::InitVector> initVector;
         if (iv && iv->GetSize() != 0) initVector.emplace(iv, cipher);
 
-        const uint64_t capacity = OpenSSL::EncryptedSize(cipher, plaintext.size());
+        const uint64_t capacity = OpenSSL::EncryptedSize(cipher, plaintext.Size());
         std::string output(capacity + OpenSSL::kOutputSlack, '\0');
         auto* out = reinterpret_cast<unsigned char*>(output.data());
         auto encrypter = OpenSSL::CEncrypter::Create(cipher, key, initVector ? &*initVector : nullptr, out,
                                                      capacity, true);
-        if (!plaintext.empty()) encrypter->Update(Bytes(plaintext), plaintext.size());
+        Feed(*encrypter, cipher, plaintext);
         output.resize(encrypter->Final());
         result->Assign(std::move(output));
     } catch (const std::exception& e) {
@@ -65,12 +81,12 @@ std::string DecryptBytes(const std::string& cipherName, const IDataRef* cipherte
         std::optional<OpenSSL::InitVector> initVector;
         if (iv && iv->GetSize() != 0) initVector.emplace(iv, cipher);
 
-        const Ombrix::DataBytes input(ciphertext);
-        output.resize(input.size());
+        const MessageBytes input(ciphertext);
+        output.resize(input.Size());
         auto decrypter = OpenSSL::CDecrypter::Create(cipher, key, initVector ? &*initVector : nullptr,
                                                      reinterpret_cast<unsigned char*>(output.data()),
                                                      output.size(), true);
-        decrypter->Update(Bytes(input.view()), input.size());
+        Feed(*decrypter, cipher, input);
         output.resize(decrypter->Final());
         return output;
     } catch (const std::exception& e) {
@@ -80,24 +96,22 @@ std::string DecryptBytes(const std::string& cipherName, const IDataRef* cipherte
 }
 
 AutoRefPtr<Data> Encrypt(std::string cipherName, std::string plaintext, std::string key, IContext* context) {
-    return EncryptBytes(cipherName, plaintext, key, nullptr, context);
+    return EncryptBytes(cipherName, std::string_view(plaintext), key, nullptr, context);
 }
 
 AutoRefPtr<Data> EncryptInitVec(std::string cipherName, std::string plaintext, std::string key,
                                 AutoRefPtr<IDataRef> iv, IContext* context) {
-    return EncryptBytes(cipherName, plaintext, key, iv.get(), context);
+    return EncryptBytes(cipherName, std::string_view(plaintext), key, iv.get(), context);
 }
 
 AutoRefPtr<Data> EncryptDataRef(std::string cipherName, AutoRefPtr<IDataRef> plaintext, std::string key,
                                 IContext* context) {
-    const Ombrix::DataBytes input(plaintext);
-    return EncryptBytes(cipherName, input.view(), key, nullptr, context);
+    return EncryptBytes(cipherName, MessageBytes(plaintext.get()), key, nullptr, context);
 }
 
 AutoRefPtr<Data> EncryptDataRefInitVec(std::string cipherName, AutoRefPtr<IDataRef> plaintext, std::string key,
                                        AutoRefPtr<IDataRef> iv, IContext* context) {
-    const Ombrix::DataBytes input(plaintext);
-    return EncryptBytes(cipherName, input.view(), key, iv.get(), context);
+    return EncryptBytes(cipherName, MessageBytes(plaintext.get()), key, iv.get(), context);
 }
 
 std::string Decrypt(std::string cipherName, AutoRefPtr<IDataRef> ciphertext, std::string key, IContext* context) {

@@ -4,11 +4,14 @@
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <future>
+#include <optional>
 #include <nlohmann/json.hpp>
 
 #include "Harness.h"
 #include "Ombrix/Json.h"
+#include "KeysSupport.h"
 #include "TlsSupport.h"
 
 namespace Testing {
@@ -203,6 +206,43 @@ TEST_F(TlsTest, NonBlockingHandshakeAndWriteCompleteOnRetry) {
     std::future<std::string> arrived = received.get_future();
     ASSERT_EQ(arrived.wait_for(std::chrono::seconds(10)), std::future_status::ready);
     EXPECT_EQ(arrived.get(), sent);
+}
+
+}  // namespace
+}  // namespace Testing
+
+namespace Testing {
+namespace {
+
+// Sessions configured with the default CA locations share one store, which
+// must follow the default CA file: each change of the file named by
+// SSL_CERT_FILE (content, replacement, removal) is seen by the next session.
+TEST_F(TlsTest, DefaultCAStoreFollowsTheCAFile) {
+    TlsServer server(ServerOptions{}, [](SSL* ssl, int) { SSL_write(ssl, "hi", 2); });
+    TempDir dir;
+    const std::string caFile = dir.path + "/bundle.pem";
+    ::setenv("SSL_CERT_FILE", caFile.c_str(), 1);
+    ::setenv("SSL_CERT_DIR", dir.path.c_str(), 1);  // holds no hashed certificate names
+    const std::string trusted = ReadFile(TlsFile("ca.pem")), other = ReadFile(TlsFile("other-ca.pem"));
+    const struct { const char* step; std::optional<std::string> content; bool connects; } steps[] = {
+        {"no file", std::nullopt, false},
+        {"the server's CA", trusted, true},
+        {"the same again", trusted, true},
+        {"another CA", other, false},
+        {"both", other + trusted, true},
+        {"removed", std::nullopt, false},
+        {"back", trusted, true},
+    };
+    for (const auto& s : steps) {
+        SCOPED_TRACE(s.step);
+        std::filesystem::remove(caFile);
+        if (s.content) dir.Write("bundle.pem", *s.content);
+        Session session = NewSession(json::object());
+        Socket socket = ConnectTcp(server.port());
+        EXPECT_EQ(Connect(session, socket.fd), s.connects) << Error(session);
+    }
+    ::unsetenv("SSL_CERT_FILE");
+    ::unsetenv("SSL_CERT_DIR");
 }
 
 }  // namespace
