@@ -8,6 +8,10 @@
 # Tests, test data, fuzz targets and benchmarks are never installed.
 include(CMakePackageConfigHelpers)
 
+# Who the packages and their changelog name as maintainer; distributors set their own.
+set(OMBRIX_PACKAGE_MAINTAINER "Cryptography for Ombrix developers <packages@ombrix.example>"
+    CACHE STRING "Maintainer named by the Debian packages")
+
 set(CMAKE_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS
     OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
 set(OMBRIX_RUNTIME_DOCDIR ${CMAKE_INSTALL_DATAROOTDIR}/doc/ombrix)
@@ -37,6 +41,15 @@ set_target_properties(ombrix_sdk PROPERTIES EXPORT_NAME SDK)
 set_target_properties(ombrix_host PROPERTIES EXPORT_NAME Host)
 install(TARGETS ombrix_sdk ombrix_host EXPORT OmbrixSDKTargets
         ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT sdk)
+# `cmake --install --strip` and the packages (CPACK_STRIP_FILES) drop the debug
+# sections of the static libraries too, as Debian's -dev packages do.
+foreach(library ombrix_sdk ombrix_host)
+  install(CODE "if(CMAKE_INSTALL_DO_STRIP)
+  execute_process(COMMAND \"${CMAKE_STRIP}\" --strip-debug
+    \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_LIBDIR}/$<TARGET_FILE_NAME:${library}>\"
+    COMMAND_ERROR_IS_FATAL ANY)
+endif()" COMPONENT sdk)
+endforeach()
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/sdk/Ombrix/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/Ombrix
         COMPONENT sdk FILES_MATCHING PATTERN "*.h")
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/host/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/Ombrix/Host

@@ -1,11 +1,12 @@
 # Debian packages with CPack (cpack -G DEB in the build folder):
 #   ombrix             the command, the Cryptography module, manual page, docs, examples
 #   libombrix-sdk-dev  the SDK headers and libraries, CMake package, pkg-config files
-# Runtime dependencies come from the binaries (dpkg-shlibdeps).
+# Runtime dependencies come from the binaries (dpkg-shlibdeps). The synopsis of
+# each package is the first line of its component description.
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME ombrix)
 set(CPACK_PACKAGE_VENDOR "The Cryptography for Ombrix authors")
-set(CPACK_PACKAGE_CONTACT "Cryptography developer <dev@ombrix.local>")
+set(CPACK_PACKAGE_CONTACT "${OMBRIX_PACKAGE_MAINTAINER}")
 set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
 set(CPACK_RESOURCE_FILE_LICENSE ${PROJECT_SOURCE_DIR}/LICENSE)
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
