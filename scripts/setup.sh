@@ -1,8 +1,10 @@
 #!/usr/bin/env bash
 # Installs the Debian packages the project builds and tests with, when missing.
 set -euo pipefail
+# libedit-dev: the prompt's line editing; python3: the prompt's terminal test;
+# dpkg-dev, file, lintian: building and checking the Debian packages.
 packages=(build-essential cmake ninja-build pkg-config libssl-dev openssl nlohmann-json3-dev liblua5.4-dev
-          libgtest-dev googletest libbenchmark-dev python3
+          libgtest-dev googletest libbenchmark-dev libedit-dev python3 dpkg-dev file lintian
           clang libclang-rt-14-dev llvm)
 missing=()
 for p in "${packages[@]}"; do

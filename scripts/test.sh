@@ -16,6 +16,8 @@ run_suite() {  # build-dir, extra cmake flags...
 
 echo "== normal build =="
 run_suite build
+echo "== install and packages =="
+scripts/test-install.sh build
 echo "== sanitizer build (ASan + UBSan) =="
 ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
   run_suite build-sanitize -DOMBRIX_SANITIZE=ON -DCMAKE_BUILD_TYPE=Debug

@@ -5,13 +5,18 @@
 namespace OmbrixTool {
 
 const char kUsage[] =
-    "usage: ombrix [-m MODULE.so]... [-c KEY=VALUE]... [-v] [-e CODE | SCRIPT.lua [ARGS...]]\n"
-    "  -m MODULE.so  load a module (default: libCryptography.so beside ombrix)\n"
+    "usage: ombrix [-m MODULE]... [-c KEY=VALUE]... [-v] [-i] [-e CODE | SCRIPT.lua [ARGS...]]\n"
+    "  -m MODULE     load a module: a path (with a '/'), or a name such as Cryptography\n"
+    "                looked for in $OMBRIX_MODULE_PATH, the installed module folder and\n"
+    "                beside ombrix (default: Cryptography)\n"
     "  -c KEY=VALUE  set an engine configuration key before modules load\n"
     "  -e CODE       run CODE; further arguments go to arg[1], arg[2], ...\n"
     "  -v            echo the engine's log to standard error\n"
+    "  -i            start the prompt (after the script or -e CODE, if any)\n"
+    "  --version     show the versions of ombrix, the loaded modules and OpenSSL\n"
     "  -h            show this help\n"
-    "With neither -e nor a script, the script is read from standard input.\n"
+    "With neither -e nor a script, the prompt starts when standard input is a terminal;\n"
+    "otherwise the script is read from standard input.\n"
     "Exit status: 0 on success, 1 on an uncaught script error, 2 on a usage or load error.\n";
 
 CommandLine ParseCommandLine(int argc, const char* const* argv) {
@@ -49,15 +54,18 @@ CommandLine ParseCommandLine(int argc, const char* const* argv) {
                 break;
             case 'v':
             case 'h':
+            case 'i':
                 if (a[2]) {
                     line.error = std::string("unknown option ") + a;
                     break;
                 }
-                (a[1] == 'v' ? line.verbose : line.help) = true;
+                (a[1] == 'v' ? line.verbose : a[1] == 'h' ? line.help : line.interactive) = true;
                 break;
             default:
                 if (std::strcmp(a, "--help") == 0)
                     line.help = true;
+                else if (std::strcmp(a, "--version") == 0)
+                    line.version = true;
                 else
                     line.error = std::string("unknown option ") + a;
         }

@@ -1,5 +1,6 @@
 // The command line of `ombrix`:
-//   ombrix [-m MODULE.so]... [-c KEY=VALUE]... [-v] [-e CODE | SCRIPT.lua [ARGS...]]
+//   ombrix [-m MODULE]... [-c KEY=VALUE]... [-v] [-i] [-e CODE | SCRIPT.lua [ARGS...]]
+//   ombrix [-m MODULE]... --version
 #pragma once
 
 #include <map>
@@ -10,7 +11,7 @@
 namespace OmbrixTool {
 
 struct CommandLine {
-    std::vector<std::string> modules;                // -m, in order
+    std::vector<std::string> modules;                // -m paths or bare names, in order
     std::map<std::string, std::string> configuration;  // -c KEY=VALUE
     std::optional<std::string> code;                 // -e (several are joined by newlines)
     std::optional<std::string> script;               // "-" reads standard input
@@ -18,6 +19,8 @@ struct CommandLine {
     int scriptIndex = 0;                             // position of the script in argv, 0 when none
     bool verbose = false;                            // -v: echo the engine's log to stderr
     bool help = false;
+    bool interactive = false;                        // -i: the prompt, after the script or -e code if any
+    bool version = false;                            // --version
     std::string error;                               // set when the line cannot be used
 };
 

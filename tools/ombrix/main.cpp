@@ -16,6 +16,9 @@
 #include "LuaEngine.h"
 #include "LuaValues.h"
 #include "Tasks.h"
+#include "ModuleSearch.h"
+#include "Prompt.h"
+#include "Version.h"
 
 namespace {
 
@@ -52,11 +55,6 @@ std::string ExecutablePath(const char* argv0) {
     char self[PATH_MAX] = {};
     const ssize_t n = readlink("/proc/self/exe", self, sizeof self - 1);
     return n > 0 ? std::string(self, static_cast<size_t>(n)) : std::string(argv0);
-}
-
-std::string DirectoryOf(const std::string& path) {
-    const size_t slash = path.rfind('/');
-    return slash == std::string::npos ? std::string(".") : path.substr(0, slash);
 }
 
 // Adds a traceback to the error; objects with __tostring show through it.
@@ -139,11 +137,15 @@ int main(int argc, char** argv) {
         options.verboseLog = line.verbose;
         session.engine = std::make_unique<Engine>(options);
         std::vector<std::string> modules = line.modules;
-        if (modules.empty()) modules.push_back(DirectoryOf(executable) + "/libCryptography.so");
-        for (const std::string& path : modules) session.engine->Load(path);
+        if (modules.empty()) modules.push_back(OmbrixTool::kDefaultModule);
+        for (const std::string& word : modules) session.engine->Load(OmbrixTool::LocateModule(word, executable));
     } catch (const std::exception& e) {
         std::fprintf(stderr, "ombrix: %s\n", e.what());
         return 2;
+    }
+    if (line.version) {
+        std::fputs(OmbrixTool::VersionText(*session.engine).c_str(), stdout);
+        return EXIT_SUCCESS;
     }
 
     session.L = luaL_newstate();
@@ -160,7 +162,15 @@ int main(int argc, char** argv) {
     OmbrixTool::OpenEngine(session.L, *session.engine, executable);
     OmbrixTool::OpenTasks(session.L, *session.engine);
 
-    const int status = Run(session, line, argc, argv);
+    const bool hasChunk = line.code || line.script;
+    const bool prompt = OmbrixTool::WantsPrompt(line.interactive, hasChunk);
+    int status = EXIT_SUCCESS;
+    if (hasChunk || !prompt)
+        status = Run(session, line, argc, argv);
+    else
+        SetArgumentTable(session.L, line, argc, argv);
+    if (prompt && status == EXIT_SUCCESS)
+        status = OmbrixTool::RunPrompt(session.L, MessageHandler, OmbrixTool::Banner(*session.engine));
     session.End();
     return status;
 }

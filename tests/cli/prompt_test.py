@@ -1,0 +1,185 @@
+#!/usr/bin/env python3
+"""The ombrix prompt driven through a pseudo-terminal: values shown as the
+stock Lua prompt shows them, errors reported without ending the session,
+multi-line statements, history (in memory and in $HOME/.ombrix_history),
+Ctrl-D ending with status 0, -i after code, and piped input left alone.
+Usage: prompt_test.py OMBRIX"""
+import os
+import pty
+import select
+import subprocess
+import sys
+import tempfile
+import time
+import unittest
+
+OMBRIX = sys.argv.pop(1) if len(sys.argv) > 1 else "build/ombrix"
+TIMEOUT = 60  # seconds; the machine may be busy
+UP = "\x1b[A"
+# How long the terminal stays quiet after a prompt before keys are typed, so
+# the line editor has taken the terminal over.
+QUIET = 0.2
+ABC_SHA256 = "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad"
+
+
+class Session:
+    """One ombrix process on a pseudo-terminal, its stderr in a file."""
+
+    def __init__(self, home, *args):
+        self.stderr_path = os.path.join(home, "stderr.txt")
+        open(self.stderr_path, "w").close()
+        self.pid, self.fd = pty.fork()
+        if self.pid == 0:  # the child: the terminal is its stdin and stdout
+            err = os.open(self.stderr_path, os.O_WRONLY | os.O_APPEND)
+            os.dup2(err, 2)
+            env = dict(os.environ, TERM="xterm", HOME=home)
+            env.pop("OMBRIX_MODULE_PATH", None)
+            os.execve(OMBRIX, [OMBRIX, *args], env)
+        self.err_seen = 0
+        self.greeting = self._read_until(("\n> ",))
+
+    def _read_until(self, endings):
+        """Reads until the output ends with one of endings and then stays
+        quiet for QUIET seconds."""
+        text = ""
+        deadline = time.time() + TIMEOUT
+        while True:
+            if text.endswith(endings) and not select.select([self.fd], [], [], QUIET)[0]:
+                return text.replace("\r\n", "\n")
+            left = deadline - time.time()
+            if left <= 0:
+                raise AssertionError(f"no prompt after {TIMEOUT}s; got {text!r}")
+            if select.select([self.fd], [], [], left)[0]:
+                try:
+                    chunk = os.read(self.fd, 4096)
+                except OSError:  # the process ended
+                    raise AssertionError(f"ombrix ended; got {text!r}")
+                text += chunk.decode("utf-8", "replace")
+
+    def send(self, keys, more=False):
+        """Types keys and Enter; returns (what was printed after the echoed
+        line, what went to stderr meanwhile, which prompt came back)."""
+        os.write(self.fd, (keys + "\r").encode())
+        text = self._read_until(("\n> ", "\n>> "))
+        prompt = ">> " if text.endswith("\n>> ") else "> "
+        text = text[: -len(prompt)]
+        printed = text.split("\n", 1)[1] if "\n" in text else ""
+        with open(self.stderr_path, encoding="utf-8", errors="replace") as f:
+            err = f.read()
+        new_err, self.err_seen = err[self.err_seen:], len(err)
+        return printed, new_err, prompt
+
+    def end(self):
+        """Ctrl-D; returns the exit status."""
+        os.write(self.fd, b"\x04")
+        deadline = time.time() + TIMEOUT
+        while time.time() < deadline:  # drain until the terminal closes
+            ready, _, _ = select.select([self.fd], [], [], 0.2)
+            if ready:
+                try:
+                    if not os.read(self.fd, 4096):
+                        break
+                except OSError:
+                    break
+        _, status = os.waitpid(self.pid, 0)
+        os.close(self.fd)
+        return os.waitstatus_to_exitcode(status)
+
+
+# (what is typed, what is printed, what stderr starts with); in order, one session.
+LINES = [
+    ("1 + 1", "2\n", ""),
+    ("1, 'two', nil, true", "1\ttwo\tnil\ttrue\n", ""),
+    ("x = 41", "", ""),
+    ("x + 1", "42\n", ""),
+    ("Data('abc')", 'Data.fromhex("616263")\n', ""),
+    ("Data('')", 'Data.fromhex("")\n', ""),
+    ('Cryptography.Hash("SHA256", "abc")', f'Data.fromhex("{ABC_SHA256}")\n', ""),
+    ("Data(string.rep('A', 64))", 'Data.fromhex("' + "41" * 64 + '")\n', ""),
+    ("Data(string.rep('A', 65))", "Data(65 bytes: " + "41" * 64 + "...)\n", ""),
+    ("JSON.FromString('{\"a\":[1,2]}')", '{"a":[1,2]}\n', ""),
+    ('Ombrix.new("Cryptography.Key")', "Cryptography.Key\n", ""),
+    ("'text'", "text\n", ""),
+    ("print('hi')", "hi\n", ""),
+    ("error('boom')", "", "ombrix: stdin:1: boom\nstack traceback:"),
+    ("JSON.FromString('{')", "", "ombrix: Error.Ombrix.InvalidArgument: Invalid JSON text"),
+    ("Cryptography.Hash(1)", "", "ombrix: invalid parameter"),
+    ("x = = 1", "", "ombrix: stdin:1: unexpected symbol near '='"),
+    ("x", "41\n", ""),
+]
+
+
+class PromptTest(unittest.TestCase):
+    def setUp(self):
+        self.home = tempfile.mkdtemp(prefix="ombrix-prompt-")
+
+    def tearDown(self):
+        subprocess.run(["rm", "-rf", self.home], check=True)
+
+    def test_values_errors_and_end(self):
+        session = Session(self.home)
+        self.assertRegex(session.greeting, r"^ombrix \d+\.\d+\.\d+ \(Lua 5\.4")
+        self.assertIn("Cryptography ", session.greeting)
+        for typed, printed, err in LINES:
+            with self.subTest(typed=typed):
+                out, got_err, prompt = session.send(typed)
+                self.assertEqual(out, printed)
+                self.assertEqual(prompt, "> ")
+                if err:
+                    self.assertTrue(got_err.startswith(err), got_err)
+                else:
+                    self.assertEqual(got_err, "")
+        self.assertEqual(session.end(), 0)
+
+    def test_statement_over_several_lines(self):
+        session = Session(self.home)
+        self.assertEqual(session.send("function twice(a)")[2], ">> ")
+        self.assertEqual(session.send("  return a * 2")[2], ">> ")
+        self.assertEqual(session.send("end"), ("", "", "> "))
+        self.assertEqual(session.send("twice(21)"), ("42\n", "", "> "))
+        self.assertEqual(session.end(), 0)
+
+    def test_history_in_memory_and_across_sessions(self):
+        session = Session(self.home)
+        session.send("n = 1")
+        self.assertEqual(session.send("n = n + 1; return n")[0], "2\n")
+        self.assertEqual(session.send(UP)[0], "3\n")  # the line again, run again
+        self.assertEqual(session.send("'remembered'")[0], "remembered\n")
+        self.assertEqual(session.end(), 0)
+        with open(os.path.join(self.home, ".ombrix_history"), encoding="utf-8") as f:
+            self.assertIn("'remembered'", f.read())
+        session = Session(self.home)
+        self.assertEqual(session.send(UP)[0], "remembered\n")
+        self.assertEqual(session.end(), 0)
+
+    def test_prompt_after_code(self):
+        session = Session(self.home, "-i", "-e", "y = 5")
+        self.assertEqual(session.send("y * 2")[0], "10\n")
+        self.assertEqual(session.end(), 0)
+
+    def test_failing_code_gives_no_prompt(self):
+        result = subprocess.run([OMBRIX, "-i", "-e", "error('early')"], stdin=subprocess.DEVNULL,
+                                capture_output=True, text=True, timeout=TIMEOUT)
+        self.assertEqual(result.returncode, 1)
+        self.assertIn("ombrix: (command line):1: early", result.stderr)
+
+    def test_piped_input(self):
+        # (arguments, input, stdout): piped input is a script unless -i asks for the prompt.
+        cases = [
+            ([], "x = 1 + 1\nprint(x)\n", "2\n"),
+            ([], "1 + 1\n", None),  # a script, so not an expression to show
+            (["-i"], "1 + 1\nz = 3\nz\n", "2\n3\n"),
+        ]
+        for args, stdin, stdout in cases:
+            with self.subTest(args=args, stdin=stdin):
+                result = subprocess.run([OMBRIX, *args], input=stdin, capture_output=True, text=True,
+                                        timeout=TIMEOUT, env=dict(os.environ, HOME=self.home))
+                if stdout is None:
+                    self.assertEqual(result.returncode, 1)
+                    self.assertIn("unexpected symbol", result.stderr)
+                else:
+                    self.assertEqual((result.returncode, result.stdout, result.stderr), (0, stdout, ""))
+
+
+if __name__ == "__main__":
+    unittest.main()
