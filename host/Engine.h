@@ -5,6 +5,7 @@
 #include <atomic>
 #include <map>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -159,8 +160,10 @@ public:
     // finishes or interrupts with an event; an interrupted call is parked, and
     // the event loop resumes it (IsResuming() true, same per-call user data)
     // when its descriptor is ready or its timeout passes. The synchronous
-    // calls above are Start plus RunUntilFinished, so they also move every
-    // other parked call on while they wait.
+    // calls above run the call at once; only when it parks do they turn the
+    // loop until it finishes, moving every other parked call on meanwhile.
+    // Host threads may call at the same time: the record of started calls is
+    // guarded, and a parked call is resumed by one thread only.
     CallHandle Start(std::string_view name, std::vector<AutoRefPtr<IVariant>> arguments);
     CallHandle StartDeclaration(const Declaration& declaration, std::vector<AutoRefPtr<IVariant>> arguments,
                                 bool withResult = true);
@@ -185,6 +188,7 @@ private:
     void Bind(LoadedModule& module, std::vector<Declaration> declarations);
     CallRecord& Record(CallHandle call) const;
     void Step(CallRecord& call);
+    CallHandle Park(std::unique_ptr<CallRecord> call);
 
     Options options_;
     AutoRefPtr<Configuration> configuration_;
@@ -198,7 +202,11 @@ private:
     std::map<std::string, uint32_t, std::less<>> types_;        // single custom types
     std::map<uint32_t, const Declaration*> typeDeclarations_;   // code -> TYPE declaration
     mutable std::atomic<uint64_t> lookups_{0};
-    std::map<CallHandle, std::unique_ptr<CallRecord>> calls_;  // started and not yet taken
+    // Started calls not yet taken, and the next handle; guarded by callsMutex_.
+    // Records are reached through stable map nodes, so a record stays put
+    // while other calls are added or taken.
+    mutable std::mutex callsMutex_;
+    std::map<CallHandle, std::unique_ptr<CallRecord>> calls_;
     CallHandle nextCall_ = 1;
 };
 

@@ -1,6 +1,7 @@
 // Engine: running calls. A call runs until it finishes or interrupts with an
 // event; then it is parked and the event loop (EngineLoop.cpp) resumes it.
 #include <stdexcept>
+#include <utility>
 
 #include "EngineLoop.h"
 
@@ -20,9 +21,30 @@ CallOutcome Engine::CallEntry(std::string_view entryName, std::vector<AutoRefPtr
 
 CallOutcome Engine::CallDeclaration(const Declaration& declaration, std::vector<AutoRefPtr<IVariant>> arguments,
                                     bool withResult) {
-    const CallHandle call = StartDeclaration(declaration, std::move(arguments), withResult);
+    if (!declaration.entry) throw std::invalid_argument("entry point " + declaration.entryName + " is not bound");
+    // Almost every call finishes at once: it then never touches the shared
+    // record of started calls.
+    auto record = std::make_unique<CallRecord>();
+    CallRecord& run = *record;
+    run.declaration = &declaration;
+    run.outcome.declaration = &declaration;
+    if (withResult) run.outcome.result = CreateInstance(declaration.resultCode);
+    run.arguments = std::move(arguments);
+    run.raw.reserve(run.arguments.size());
+    for (const auto& a : run.arguments) run.raw.push_back(a.get());
+    run.context = AutoRefPtr<Context>(new Context(*this, &declaration));
+    Step(run);
+    if (run.finished) return std::move(run.outcome);
+    const CallHandle call = Park(std::move(record));
     RunUntilFinished(call);
     return TakeOutcome(call);
+}
+
+CallHandle Engine::Park(std::unique_ptr<CallRecord> call) {
+    std::lock_guard lock(callsMutex_);
+    const CallHandle handle = nextCall_++;
+    calls_.emplace(handle, std::move(call));
+    return handle;
 }
 
 CallHandle Engine::Start(std::string_view name, std::vector<AutoRefPtr<IVariant>> arguments) {
@@ -43,11 +65,9 @@ CallHandle Engine::StartDeclaration(const Declaration& declaration, std::vector<
     for (const auto& a : call->arguments) call->raw.push_back(a.get());
     call->context = AutoRefPtr<Context>(new Context(*this, &declaration));
 
-    const CallHandle handle = nextCall_++;
     CallRecord& record = *call;
-    calls_.emplace(handle, std::move(call));
     Step(record);
-    return handle;
+    return Park(std::move(call));
 }
 
 // Runs the entry point once. A call that interrupted with an event is parked
@@ -60,27 +80,31 @@ void Engine::Step(CallRecord& call) {
                                              outcome.result.get(), this, &context);
     AutoRefPtr<IEvent> event = context.TakeEvent();
     if (context.IsInterrupted() && event && outcome.resumptions < options_.maxResumptions) {
-        call.deadline.reset();
+        std::optional<std::chrono::steady_clock::time_point> deadline;
         if (const auto* fd = dynamic_cast<const FDEvent*>(event.get()); fd && fd->GetTimeoutMilliseconds() >= 0)
-            call.deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(fd->GetTimeoutMilliseconds());
+            deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(fd->GetTimeoutMilliseconds());
+        std::lock_guard lock(callsMutex_);
+        call.deadline = deadline;
         call.event = std::move(event);
         return;
     }
     outcome.errors = context.Errors();
     context.ClearUserData(nullptr);
-    call.finished = true;
     call.context = nullptr;
     call.arguments.clear();
     call.raw.clear();
+    call.finished.store(true, std::memory_order_release);
 }
 
 CallRecord& Engine::Record(CallHandle call) const {
+    std::lock_guard lock(callsMutex_);
     auto it = calls_.find(call);
     if (it == calls_.end()) throw std::invalid_argument("unknown call " + std::to_string(call));
     return *it->second;
 }
 
 bool Engine::Finished(CallHandle call) const {
+    std::lock_guard lock(callsMutex_);
     auto it = calls_.find(call);
     return it != calls_.end() && it->second->finished;
 }
@@ -89,6 +113,7 @@ CallOutcome Engine::TakeOutcome(CallHandle call) {
     CallRecord& record = Record(call);
     if (!record.finished) throw std::invalid_argument("call " + std::to_string(call) + " has not finished");
     CallOutcome outcome = std::move(record.outcome);
+    std::lock_guard lock(callsMutex_);
     calls_.erase(call);
     return outcome;
 }

@@ -24,6 +24,7 @@ int MillisecondsUntil(Clock::time_point when, Clock::time_point now) {
 }  // namespace
 
 size_t Engine::ParkedCalls() const {
+    std::lock_guard lock(callsMutex_);
     return static_cast<size_t>(std::count_if(calls_.begin(), calls_.end(), [](const auto& c) { return c.second->Parked(); }));
 }
 
@@ -39,6 +40,7 @@ size_t Engine::RunOnce(int timeoutMilliseconds) {
     std::vector<pollfd> entries;
     const Clock::time_point now = Clock::now();
     int wait = timeoutMilliseconds;
+    std::unique_lock lock(callsMutex_);
     for (const auto& [handle, call] : calls_) {
         if (!call->Parked()) continue;
         auto* fd = dynamic_cast<FDEvent*>(call->event.get());
@@ -48,6 +50,7 @@ size_t Engine::RunOnce(int timeoutMilliseconds) {
         if (call->deadline) until = MillisecondsUntil(*call->deadline, now);
         if (until >= 0 && (wait < 0 || until < wait)) wait = until;
     }
+    lock.unlock();
     if (watches.empty()) return 0;
 
     int status;
@@ -65,17 +68,26 @@ size_t Engine::RunOnce(int timeoutMilliseconds) {
     for (const Watch& watch : watches) {
         const short revents = watch.fd && status > 0 ? entries[entry].revents : 0;
         if (watch.fd) ++entry;
-        // The call may have been resumed (or taken) by a call that ran before it in this turn.
+        // The call may have been resumed (or taken) by a call that ran before
+        // it in this turn, or by another thread: taking its event under the
+        // lock makes this thread the only one to resume it.
+        lock.lock();
         auto it = calls_.find(watch.call);
-        if (it == calls_.end() || it->second->event.get() != watch.event.get() || it->second->finished) continue;
+        if (it == calls_.end() || it->second->event.get() != watch.event.get() || it->second->finished) {
+            lock.unlock();
+            continue;
+        }
         CallRecord& call = *it->second;
         const uint32_t ready = watch.fd ? watch.fd->ReadyFlags(revents) : 0;
         const bool timedOut = failed || (call.deadline && *call.deadline <= after);
-        if (watch.fd && !ready && !timedOut) continue;
-
+        if (watch.fd && !ready && !timedOut) {
+            lock.unlock();
+            continue;
+        }
         AutoRefPtr<IEvent> event = std::move(call.event);
         call.event = nullptr;
         call.deadline.reset();
+        lock.unlock();
         if (watch.fd) watch.fd->Fire(ready);
         call.context->ClearInterrupted();
         call.context->SetResuming(true);
@@ -91,7 +103,9 @@ void Engine::RunUntilIdle() {
 }
 
 void Engine::RunUntilFinished(CallHandle call) {
-    while (!Record(call).finished) RunOnce(-1);
+    // Another thread may resume this call meanwhile; a bounded wait notices.
+    constexpr int kRecheckMilliseconds = 100;
+    while (!Record(call).finished.load(std::memory_order_acquire)) RunOnce(kRecheckMilliseconds);
 }
 
 }  // namespace Ombrix::Host

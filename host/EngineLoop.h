@@ -2,6 +2,7 @@
 // across resumptions, and the event it is parked on.
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <optional>
 #include <vector>
@@ -17,8 +18,11 @@ struct CallRecord {
     std::vector<IVariant*> raw;  // the arguments as the entry point takes them
     AutoRefPtr<Context> context;
     CallOutcome outcome;
-    bool finished = false;
-    // While parked: the event, and when it times out (none for a negative timeout).
+    // Set last when the call ends (release), so a thread that sees it sees the outcome.
+    std::atomic<bool> finished{false};
+    // While parked: the event, and when it times out (none for a negative
+    // timeout). Written and read under the engine's callsMutex_ once the
+    // record is shared.
     AutoRefPtr<IEvent> event;
     std::optional<std::chrono::steady_clock::time_point> deadline;
 
