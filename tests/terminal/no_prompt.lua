@@ -21,8 +21,8 @@ end
 local function expectFailure(config, prefix)
   local state, message = session(config)
   assert(state == -1, config .. ": state " .. state)
-  assert(message:sub(1, #prefix + 2) == prefix .. ": " and #message > #prefix + 2,
-         config .. ": message " .. message)
+  -- OpenSSL's reason is the one its prompt gives when it finds no input.
+  assert(message == prefix .. ": processing error", config .. ": message " .. message)
 end
 
 -- The outcome is the one without a terminal: no pass phrase at all, so even a
