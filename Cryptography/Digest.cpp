@@ -36,18 +36,18 @@ void CHash::Update(const void* data, size_t length) {
 }
 
 void CHash::Finalize(const unsigned char** digest, uint32_t* length) {
-    if (fResult.empty()) {
+    if (fResultSize == 0) {
         if (!fMd) throw std::runtime_error("fMd is NULL!");
-        fResult.resize(static_cast<size_t>(EVP_MD_get_size(fMd)));
+        const int size = EVP_MD_get_size(fMd);
+        if (size <= 0 || size > EVP_MAX_MD_SIZE) throw std::length_error("digest size out of range");
         unsigned int written = 0;
-        const int status = EVP_DigestFinal_ex(fCtx.get(), fResult.data(), &written);
-        if (status != 1) {
-            fResult.clear();
+        const int status = EVP_DigestFinal_ex(fCtx.get(), fResult, &written);
+        if (status != 1)
             throw std::runtime_error("Error on 'EVP_DigestFinal_ex'. Status: " + std::to_string(status));
-        }
+        fResultSize = static_cast<size_t>(size);
         fLength = written;
     }
-    if (digest) *digest = fResult.data();
+    if (digest) *digest = fResult;
     if (length) *length = fLength;
 }
 

@@ -6,7 +6,6 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <vector>
 
 #include "openssl/Handles.h"
 
@@ -29,7 +28,10 @@ public:
 private:
     MdContextPtr fCtx;
     const EVP_MD* fMd;  // borrowed from EVP_get_digestbyname
-    std::vector<unsigned char> fResult;
+    // The digest once computed (fResultSize bytes; 0 until then). No digest
+    // is longer than EVP_MAX_MD_SIZE, so it needs no allocation.
+    unsigned char fResult[EVP_MAX_MD_SIZE];
+    size_t fResultSize = 0;
     uint32_t fLength = 0;
     bool fInitialized = false;
 };

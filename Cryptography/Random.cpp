@@ -82,15 +82,15 @@ std::string RandomText(int64_t n, IContext* context, Encoder&& encode) {
     }
     AutoRefPtr<Data> bytes = CreateRandomBytes(n, context);
     if (context && context->HasError()) return {};
-    return encode(bytes->Bytes());
+    return encode(bytes->View());
 }
 
 std::string CreateRandomBytesAsBase64String(int64_t n, IContext* context) {
-    return RandomText(n, context, [](const std::string& b) { return Codec::Base64Encode(b.data(), b.size()); });
+    return RandomText(n, context, [](std::string_view b) { return Codec::Base64Encode(b.data(), b.size()); });
 }
 
 std::string CreateRandomBytesAsBase64URLString(int64_t n, IContext* context) {
-    return RandomText(n, context, [](const std::string& b) { return Codec::Base64URLEncode(b); });
+    return RandomText(n, context, [](std::string_view b) { return Codec::Base64URLEncode(b); });
 }
 
 // 32 random hex digits laid out as 8-4-4-4-12 with the version digit forced

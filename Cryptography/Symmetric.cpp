@@ -55,44 +55,70 @@ AutoRefPtr<Data> EncryptBytes(const std::string& cipherName, const MessageBytes&
         std::optional<OpenSSL::InitVector> initVector;
         if (iv && iv->GetSize() != 0) initVector.emplace(iv, cipher);
 
+        // The ciphertext is written straight into the result's buffer.
         const uint64_t capacity = OpenSSL::EncryptedSize(cipher, plaintext.Size());
-        std::string output(capacity + OpenSSL::kOutputSlack, '\0');
-        auto* out = reinterpret_cast<unsigned char*>(output.data());
+        auto* out = reinterpret_cast<unsigned char*>(result->PrepareForWriting(capacity + OpenSSL::kOutputSlack));
         auto encrypter = OpenSSL::CEncrypter::Create(cipher, key, initVector ? &*initVector : nullptr, out,
                                                      capacity, true);
         Feed(*encrypter, cipher, plaintext);
-        output.resize(encrypter->Final());
-        result->Assign(std::move(output));
+        result->Truncate(encrypter->Final());
     } catch (const std::exception& e) {
+        result->Assign(nullptr, 0);
         ReportException(context, e, "OpenSSL error in function Encrypt detected.");
     }
     return result;
 }
 
-// Plaintext bytes of a ciphertext; empty (and no error) for an empty ciphertext.
-std::string DecryptBytes(const std::string& cipherName, const IDataRef* ciphertext, std::string& key,
-                         const IDataRef* iv, IContext* context) {
+// Decrypts a ciphertext into a buffer that output(size) provides, returning
+// how many bytes it holds; nothing (and no error) for an empty ciphertext.
+// Returns nothing after a reported failure.
+template <class Output>
+std::optional<uint64_t> DecryptInto(const std::string& cipherName, const IDataRef* ciphertext, std::string& key,
+                                    const IDataRef* iv, IContext* context, Output&& output) {
     OpenSSL::WipeOnExit wipeKey(key);
-    std::string output;
     try {
-        if (!ciphertext || ciphertext->GetSize() == 0) return output;
+        if (!ciphertext || ciphertext->GetSize() == 0) return std::nullopt;
         const EVP_CIPHER* cipher = FindCipher(cipherName, context);
-        if (!cipher) return output;
+        if (!cipher) return std::nullopt;
         std::optional<OpenSSL::InitVector> initVector;
         if (iv && iv->GetSize() != 0) initVector.emplace(iv, cipher);
 
         const MessageBytes input(ciphertext);
-        output.resize(input.Size());
-        auto decrypter = OpenSSL::CDecrypter::Create(cipher, key, initVector ? &*initVector : nullptr,
-                                                     reinterpret_cast<unsigned char*>(output.data()),
-                                                     output.size(), true);
+        auto* out = reinterpret_cast<unsigned char*>(output(input.Size()));
+        auto decrypter = OpenSSL::CDecrypter::Create(cipher, key, initVector ? &*initVector : nullptr, out,
+                                                     input.Size(), true);
         Feed(*decrypter, cipher, input);
-        output.resize(decrypter->Final());
-        return output;
+        return decrypter->Final();
     } catch (const std::exception& e) {
         ReportException(context, e, "OpenSSL error in function Decrypt detected.");
     }
-    return {};
+    return std::nullopt;
+}
+
+// Plaintext bytes of a ciphertext as text.
+std::string DecryptBytes(const std::string& cipherName, const IDataRef* ciphertext, std::string& key,
+                         const IDataRef* iv, IContext* context) {
+    std::string output;
+    const auto size = DecryptInto(cipherName, ciphertext, key, iv, context, [&](uint64_t capacity) {
+        output.resize(capacity);
+        return output.data();
+    });
+    if (!size) return {};
+    output.resize(*size);
+    return output;
+}
+
+// Plaintext bytes of a ciphertext as a buffer, written in place.
+AutoRefPtr<Data> DecryptData(const std::string& cipherName, const IDataRef* ciphertext, std::string& key,
+                             const IDataRef* iv, IContext* context) {
+    AutoRefPtr<Data> result = Data::Make();
+    const auto size = DecryptInto(cipherName, ciphertext, key, iv, context,
+                                  [&](uint64_t capacity) { return result->PrepareForWriting(capacity); });
+    if (size)
+        result->Truncate(*size);
+    else
+        result->Assign(nullptr, 0);
+    return result;
 }
 
 AutoRefPtr<Data> Encrypt(std::string cipherName, std::string plaintext, std::string key, IContext* context) {
@@ -125,12 +151,12 @@ std::string DecryptInitVec(std::string cipherName, AutoRefPtr<IDataRef> cipherte
 
 AutoRefPtr<Data> DataRefDecrypt(std::string cipherName, AutoRefPtr<IDataRef> ciphertext, std::string key,
                                 IContext* context) {
-    return Data::Make(DecryptBytes(cipherName, ciphertext.get(), key, nullptr, context));
+    return DecryptData(cipherName, ciphertext.get(), key, nullptr, context);
 }
 
 AutoRefPtr<Data> DataRefDecryptInitVec(std::string cipherName, AutoRefPtr<IDataRef> ciphertext, std::string key,
                                        AutoRefPtr<IDataRef> iv, IContext* context) {
-    return Data::Make(DecryptBytes(cipherName, ciphertext.get(), key, iv.get(), context));
+    return DecryptData(cipherName, ciphertext.get(), key, iv.get(), context);
 }
 
 // Key then IV, derived with EVP_BytesToKey. Only the first 8 bytes of a salt

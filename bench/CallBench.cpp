@@ -3,12 +3,14 @@
 // CPU-bound mix of routines on one and on two host threads sharing one engine.
 #include <benchmark/benchmark.h>
 #include <openssl/evp.h>
+#include <openssl/hmac.h>
 #include <openssl/rand.h>
 
 #include <string>
 #include <vector>
 
 #include "Engine.h"
+#include "Lookup3.h"
 #include "Ombrix/Data.h"
 
 namespace {
@@ -108,6 +110,37 @@ void RoutineMix(benchmark::State& state) {
     state.SetItemsProcessed(state.iterations() * static_cast<int64_t>(calls.size()));
 }
 
+// The same round done with OpenSSL directly, the usual way, and a plain C++
+// Lookup3: how far OpenSSL itself scales from one thread to two on this
+// machine (its name tables, library context and error state are shared).
+void RawMix(benchmark::State& state) {
+    const std::string message(64, 'm');
+    const std::string hmacKey = "a secret key";
+    unsigned char out[EVP_MAX_MD_SIZE + 16];
+    unsigned int length = 0;
+    for (auto _ : state) {
+        EVP_Digest(message.data(), message.size(), out, &length, EVP_get_digestbyname("SHA256"), nullptr);
+        HMAC(EVP_get_digestbyname("SHA256"), hmacKey.data(), static_cast<int>(hmacKey.size()),
+             reinterpret_cast<const unsigned char*>(message.data()), message.size(), out, &length);
+        EVP_CIPHER_CTX* ctx = EVP_CIPHER_CTX_new();
+        int n = 0, f = 0;
+        unsigned char encrypted[64 + 16];
+        EVP_EncryptInit_ex(ctx, EVP_get_cipherbyname("AES-256-CBC"), nullptr,
+                           reinterpret_cast<const unsigned char*>(kKey.data()),
+                           reinterpret_cast<const unsigned char*>(kIv.data()));
+        EVP_EncryptUpdate(ctx, encrypted, &n, reinterpret_cast<const unsigned char*>(message.data()),
+                          static_cast<int>(message.size()));
+        EVP_EncryptFinal_ex(ctx, encrypted + n, &f);
+        EVP_CIPHER_CTX_free(ctx);
+        RAND_bytes(out, 16);
+        const std::string hashed = std::to_string(Cryptography::Lookup3Hash(message.data(), message.size()));
+        benchmark::DoNotOptimize(out);
+        benchmark::DoNotOptimize(encrypted);
+        benchmark::DoNotOptimize(hashed);
+    }
+    state.SetItemsProcessed(state.iterations() * 5);
+}
+
 }  // namespace
 
 BENCHMARK(EncryptSmallThroughEngine);
@@ -115,3 +148,4 @@ BENCHMARK(EncryptSmallRaw);
 BENCHMARK(RandomBytesThroughEngine);
 BENCHMARK(RandomBytesRaw);
 BENCHMARK(RoutineMix)->Threads(1)->Threads(2)->UseRealTime();
+BENCHMARK(RawMix)->Threads(1)->Threads(2)->UseRealTime();

@@ -95,7 +95,7 @@ bool Context::GetUserDataAsNumber(const char* key, double& out) const {
 bool Context::GetUserDataAsString(const char* key, std::string& out) const {
     const Variant* v = AsVariant(GetUserData(key));
     if (!v || v->GetType() != kTypeString) return false;
-    out = v->StringValue();
+    out = std::string(v->StringValue());
     return true;
 }
 AutoRefPtr<IDataRef> Context::GetUserDataAsData(const char* key) const {

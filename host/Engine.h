@@ -7,6 +7,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <span>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -140,6 +141,9 @@ public:
     // leading arguments (surplus arguments are ignored); else the first with as
     // many parameters as arguments; else the first. Null when the name is unknown.
     const Declaration* Choose(std::string_view name, const std::vector<AutoRefPtr<IVariant>>& arguments) const;
+    // The same choice among the overloads of one name (as Overloads returns them).
+    static const Declaration* ChooseAmong(const std::vector<const Declaration*>& overloads,
+                                          std::span<IVariant* const> arguments);
     const Declaration* FindEntry(std::string_view entryName) const;
     // The routine matching a name and a signature (result type, then parameters).
     const Declaration* FindRoutine(std::string_view name, const std::vector<std::string>& signature,
@@ -149,12 +153,18 @@ public:
     void CountLookup() const { ++lookups_; }
 
     // Runs a routine chosen by name and argument types; throws
-    // std::invalid_argument for an unknown name.
-    CallOutcome Call(std::string_view name, std::vector<AutoRefPtr<IVariant>> arguments);
+    // std::invalid_argument for an unknown name. The synchronous calls use
+    // the caller's arguments in place; a call that parks takes its own
+    // references to them.
+    CallOutcome Call(std::string_view name, const std::vector<AutoRefPtr<IVariant>>& arguments);
     // Runs one declaration (by entry-point name), bypassing overload choice.
-    CallOutcome CallEntry(std::string_view entryName, std::vector<AutoRefPtr<IVariant>> arguments);
-    CallOutcome CallDeclaration(const Declaration& declaration, std::vector<AutoRefPtr<IVariant>> arguments,
+    CallOutcome CallEntry(std::string_view entryName, const std::vector<AutoRefPtr<IVariant>>& arguments);
+    CallOutcome CallDeclaration(const Declaration& declaration, const std::vector<AutoRefPtr<IVariant>>& arguments,
                                 bool withResult = true);
+    // The same with the arguments as the entry point takes them, lent by the
+    // caller for the whole call.
+    CallOutcome CallBorrowed(const Declaration& declaration, std::span<IVariant* const> arguments,
+                             bool withResult = true);
 
     // Calls that wait without holding the thread. Start runs a call until it
     // finishes or interrupts with an event; an interrupted call is parked, and
@@ -189,6 +199,9 @@ private:
     CallRecord& Record(CallHandle call) const;
     void Step(CallRecord& call);
     CallHandle Park(std::unique_ptr<CallRecord> call);
+    // A parked call of the synchronous path, moved to the heap with its own
+    // references to the arguments it borrowed.
+    static std::unique_ptr<CallRecord> Detach(CallRecord& run);
 
     Options options_;
     AutoRefPtr<Configuration> configuration_;

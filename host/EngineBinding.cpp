@@ -138,7 +138,20 @@ std::vector<std::string> Engine::RoutineNames(std::string_view ns) const {
 }
 
 const Declaration* Engine::Choose(std::string_view name, const std::vector<AutoRefPtr<IVariant>>& arguments) const {
-    const std::vector<const Declaration*>& overloads = Overloads(name);
+    constexpr size_t kInline = 8;
+    IVariant* inlinePointers[kInline];
+    std::vector<IVariant*> heapPointers;
+    IVariant** pointers = inlinePointers;
+    if (arguments.size() > kInline) {
+        heapPointers.resize(arguments.size());
+        pointers = heapPointers.data();
+    }
+    for (size_t i = 0; i < arguments.size(); ++i) pointers[i] = arguments[i].get();
+    return ChooseAmong(Overloads(name), std::span<IVariant* const>(pointers, arguments.size()));
+}
+
+const Declaration* Engine::ChooseAmong(const std::vector<const Declaration*>& overloads,
+                                       std::span<IVariant* const> arguments) {
     if (overloads.empty()) return nullptr;
     // Surplus arguments are ignored by a routine, so an overload fits when its
     // declared parameters match the leading arguments by type. The longest fit

@@ -7,37 +7,63 @@
 
 namespace Ombrix::Host {
 
-CallOutcome Engine::Call(std::string_view name, std::vector<AutoRefPtr<IVariant>> arguments) {
+CallOutcome Engine::Call(std::string_view name, const std::vector<AutoRefPtr<IVariant>>& arguments) {
     const Declaration* declaration = Choose(name, arguments);
     if (!declaration) throw std::invalid_argument("unknown routine " + std::string(name));
-    return CallDeclaration(*declaration, std::move(arguments));
+    return CallDeclaration(*declaration, arguments);
 }
 
-CallOutcome Engine::CallEntry(std::string_view entryName, std::vector<AutoRefPtr<IVariant>> arguments) {
+CallOutcome Engine::CallEntry(std::string_view entryName, const std::vector<AutoRefPtr<IVariant>>& arguments) {
     const Declaration* declaration = FindEntry(entryName);
     if (!declaration) throw std::invalid_argument("unknown entry point " + std::string(entryName));
-    return CallDeclaration(*declaration, std::move(arguments));
+    return CallDeclaration(*declaration, arguments);
 }
 
-CallOutcome Engine::CallDeclaration(const Declaration& declaration, std::vector<AutoRefPtr<IVariant>> arguments,
-                                    bool withResult) {
+CallOutcome Engine::CallDeclaration(const Declaration& declaration,
+                                    const std::vector<AutoRefPtr<IVariant>>& arguments, bool withResult) {
+    // The entry point takes plain pointers; a few arguments need no allocation.
+    constexpr size_t kInline = 8;
+    IVariant* inlinePointers[kInline];
+    std::vector<IVariant*> heapPointers;
+    IVariant** pointers = inlinePointers;
+    if (arguments.size() > kInline) {
+        heapPointers.resize(arguments.size());
+        pointers = heapPointers.data();
+    }
+    for (size_t i = 0; i < arguments.size(); ++i) pointers[i] = arguments[i].get();
+    return CallBorrowed(declaration, std::span<IVariant* const>(pointers, arguments.size()), withResult);
+}
+
+CallOutcome Engine::CallBorrowed(const Declaration& declaration, std::span<IVariant* const> arguments,
+                                 bool withResult) {
     if (!declaration.entry) throw std::invalid_argument("entry point " + declaration.entryName + " is not bound");
-    // Almost every call finishes at once: it then never touches the shared
-    // record of started calls.
-    auto record = std::make_unique<CallRecord>();
-    CallRecord& run = *record;
+    // Almost every call finishes at once: its record stays on this stack and
+    // it never touches the shared record of started calls.
+    CallRecord run;
     run.declaration = &declaration;
     run.outcome.declaration = &declaration;
     if (withResult) run.outcome.result = CreateInstance(declaration.resultCode);
-    run.arguments = std::move(arguments);
-    run.raw.reserve(run.arguments.size());
-    for (const auto& a : run.arguments) run.raw.push_back(a.get());
+    run.passed = arguments;
     run.context = AutoRefPtr<Context>(new Context(*this, &declaration));
     Step(run);
     if (run.finished) return std::move(run.outcome);
-    const CallHandle call = Park(std::move(record));
+    const CallHandle call = Park(Detach(run));
     RunUntilFinished(call);
     return TakeOutcome(call);
+}
+
+std::unique_ptr<CallRecord> Engine::Detach(CallRecord& run) {
+    auto record = std::make_unique<CallRecord>();
+    record->declaration = run.declaration;
+    record->arguments.reserve(run.passed.size());
+    for (IVariant* argument : run.passed) record->arguments.push_back(AutoRefPtr<IVariant>::Share(argument));
+    record->raw.assign(run.passed.begin(), run.passed.end());
+    record->passed = record->raw;
+    record->context = std::move(run.context);
+    record->outcome = std::move(run.outcome);
+    record->event = std::move(run.event);
+    record->deadline = run.deadline;
+    return record;
 }
 
 CallHandle Engine::Park(std::unique_ptr<CallRecord> call) {
@@ -63,6 +89,7 @@ CallHandle Engine::StartDeclaration(const Declaration& declaration, std::vector<
     call->arguments = std::move(arguments);
     call->raw.reserve(call->arguments.size());
     for (const auto& a : call->arguments) call->raw.push_back(a.get());
+    call->passed = call->raw;
     call->context = AutoRefPtr<Context>(new Context(*this, &declaration));
 
     CallRecord& record = *call;
@@ -76,8 +103,9 @@ CallHandle Engine::StartDeclaration(const Declaration& declaration, std::vector<
 void Engine::Step(CallRecord& call) {
     CallOutcome& outcome = call.outcome;
     Context& context = *call.context;
-    outcome.status = call.declaration->entry(static_cast<uint32_t>(call.raw.size()), call.raw.data(),
-                                             outcome.result.get(), this, &context);
+    outcome.status = call.declaration->entry(static_cast<uint32_t>(call.passed.size()),
+                                             const_cast<IVariant**>(call.passed.data()), outcome.result.get(),
+                                             this, &context);
     AutoRefPtr<IEvent> event = context.TakeEvent();
     if (context.IsInterrupted() && event && outcome.resumptions < options_.maxResumptions) {
         std::optional<std::chrono::steady_clock::time_point> deadline;
@@ -93,6 +121,7 @@ void Engine::Step(CallRecord& call) {
     call.context = nullptr;
     call.arguments.clear();
     call.raw.clear();
+    call.passed = {};
     call.finished.store(true, std::memory_order_release);
 }
 

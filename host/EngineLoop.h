@@ -5,6 +5,7 @@
 #include <atomic>
 #include <chrono>
 #include <optional>
+#include <span>
 #include <vector>
 
 #include "Context.h"
@@ -16,6 +17,9 @@ struct CallRecord {
     const Declaration* declaration = nullptr;
     std::vector<AutoRefPtr<IVariant>> arguments;
     std::vector<IVariant*> raw;  // the arguments as the entry point takes them
+    // What the entry point is handed: raw, or arguments a synchronous caller
+    // lends for as long as the call does not park.
+    std::span<IVariant* const> passed;
     AutoRefPtr<Context> context;
     CallOutcome outcome;
     // Set last when the call ends (release), so a thread that sees it sees the outcome.

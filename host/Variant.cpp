@@ -40,6 +40,12 @@ AutoRefPtr<Variant> Variant::String(std::string value) {
     v->assigned_ = true;
     return v;
 }
+AutoRefPtr<Variant> Variant::LentString(const char* text, size_t size) {
+    AutoRefPtr<Variant> v(new Variant(kTypeString));
+    v->lent_ = std::string_view(text, size);
+    v->assigned_ = true;
+    return v;
+}
 AutoRefPtr<Variant> Variant::DataRef(AutoRefPtr<IDataRef> value) {
     AutoRefPtr<Variant> v(new Variant(kTypeDataRef));
     v->AssignData(std::move(value));
@@ -70,6 +76,7 @@ void Variant::Reset(uint32_t type) {
     boolean_ = false;
     number_ = 0;
     string_.clear();
+    lent_ = {};
     data_ = nullptr;
     stream_ = nullptr;
     object_ = nullptr;
@@ -83,7 +90,7 @@ bool Variant::IsEqual(const IVariant* other) const {
         case kTypeBoolean: return boolean_ == other->GetBoolean();
         case kTypeNumber: return number_ == other->GetNumber();
         case kTypeString:
-            return string_.size() == other->GetStringSize() && string_.compare(0, string_.size(), other->GetString(), other->GetStringSize()) == 0;
+            return Text() == std::string_view(other->GetString() ? other->GetString() : "", other->GetStringSize());
         case kTypeDataRef: {
             AutoRefPtr<IDataRef> theirs = other->GetData();
             if (!data_ || !theirs) return !data_ && !theirs;
@@ -186,7 +193,7 @@ AutoRefPtr<IJSON> Variant::Serialize(IContext* context) const {
     switch (type_) {
         case kTypeBoolean: return AutoRefPtr<IJSON>(new JSON::JSONWrapper(boolean_));
         case kTypeNumber: return AutoRefPtr<IJSON>(new JSON::JSONWrapper(number_));
-        case kTypeString: return AutoRefPtr<IJSON>(new JSON::JSONWrapper(string_));
+        case kTypeString: return AutoRefPtr<IJSON>(new JSON::JSONWrapper(std::string(Text())));
         default: return object_ ? object_->Serialize(context) : nullptr;
     }
 }

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "Ombrix/Interfaces.h"
@@ -16,6 +17,10 @@ public:
     static AutoRefPtr<Variant> Boolean(bool value);
     static AutoRefPtr<Variant> Number(double value);
     static AutoRefPtr<Variant> String(std::string value);
+    // A STRING over bytes the caller keeps alive and unchanged, NUL-terminated,
+    // for as long as the value is in use (a script's string during a call):
+    // no copy is made.
+    static AutoRefPtr<Variant> LentString(const char* text, size_t size);
     static AutoRefPtr<Variant> DataRef(AutoRefPtr<IDataRef> value);
     // A custom value; its type code is the object's own.
     static AutoRefPtr<Variant> Object(AutoRefPtr<IUserDefinedType> value);
@@ -26,8 +31,8 @@ public:
     std::string GetTypeAsString(IContext* context) const override;
     bool GetBoolean() const override { return boolean_; }
     double GetNumber() const override { return number_; }
-    const char* GetString() const override { return string_.c_str(); }
-    uint64_t GetStringSize() const override { return string_.size(); }
+    const char* GetString() const override { return lent_.data() ? lent_.data() : string_.c_str(); }
+    uint64_t GetStringSize() const override { return Text().size(); }
     AutoRefPtr<IDataRef> GetData() const override { return data_; }
     AutoRefPtr<IStream> GetStream() const override { return stream_; }
     IUserDefinedType* GetUserDefinedPtr() const override;
@@ -52,17 +57,19 @@ public:
     // Whether a value was ever assigned (a fresh result stays unassigned when
     // the routine leaves it alone).
     bool IsAssigned() const noexcept { return assigned_; }
-    const std::string& StringValue() const noexcept { return string_; }
+    std::string_view StringValue() const noexcept { return Text(); }
     const AutoRefPtr<IUserDefinedType>& ObjectValue() const noexcept { return object_; }
 
 private:
     void Reset(uint32_t type);
+    std::string_view Text() const noexcept { return lent_.data() ? lent_ : std::string_view(string_); }
 
     uint32_t type_;
     bool assigned_ = false;
     bool boolean_ = false;
     double number_ = 0;
     std::string string_;
+    std::string_view lent_;  // set for a lent string, which string_ then does not hold
     AutoRefPtr<IDataRef> data_;
     AutoRefPtr<IStream> stream_;
     AutoRefPtr<IUserDefinedType> object_;

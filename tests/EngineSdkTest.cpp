@@ -1,6 +1,7 @@
 // Shared pieces: Data reads and comparisons, type codes and the host's JSON module.
 #include <unistd.h>
 
+#include <cstring>
 #include <fstream>
 
 #include "Harness.h"
@@ -40,6 +41,57 @@ TEST(DataBuffer, IsEqualAcrossChunkBoundaries) {
     }
     EXPECT_FALSE(mine->IsEqual(nullptr));
     std::remove(path);
+}
+
+// A buffer written in place keeps what was written up to the truncation, and
+// any later assignment replaces it whole.
+TEST(DataBuffer, WrittenInPlaceThenTruncatedOrReplaced) {
+    struct Case {
+        const char* what;
+        uint64_t keep;
+        const char* assigned;  // null: nothing assigned afterwards
+        std::string expected;
+    } cases[] = {
+        {"kept whole", 10, nullptr, "0123456789"},
+        {"truncated", 4, nullptr, "0123"},
+        {"truncation past the end keeps all", 99, nullptr, "0123456789"},
+        {"truncated to nothing", 0, nullptr, ""},
+        {"replaced by an assignment", 4, "xyz", "xyz"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        const AutoRefPtr<Data> data = Data::Make("old bytes");
+        std::memcpy(data->PrepareForWriting(10), "0123456789", 10);
+        data->Truncate(c.keep);
+        if (c.assigned) data->Assign(c.assigned, std::strlen(c.assigned));
+        EXPECT_EQ(data->GetSize(), c.expected.size());
+        EXPECT_EQ(std::string(data->View()), c.expected);
+        EXPECT_TRUE(data->IsEqual(Data::Make(c.expected).get()));
+        EXPECT_EQ(std::string(data->GetData(), data->GetSize()), c.expected);
+        const AutoRefPtr<Ombrix::IDataRef> copy = data->Clone();
+        EXPECT_TRUE(copy->IsEqual(data.get()));
+    }
+}
+
+// A lent string reads, compares, copies and saves like an owned one, and an
+// assignment or copy owns its bytes, so nothing refers to the lent bytes after.
+TEST(HostValues, LentStringsBehaveAsOwnedOnes) {
+    std::string lent = "lent text";
+    const auto borrowed = Ombrix::Host::Variant::LentString(lent.c_str(), lent.size());
+    const auto owned = Ombrix::Host::Variant::String("lent text");
+    EXPECT_EQ(std::string(borrowed->GetString(), borrowed->GetStringSize()), "lent text");
+    EXPECT_TRUE(borrowed->IsEqual(owned.get()));
+    EXPECT_TRUE(owned->IsEqual(borrowed.get()));
+    const AutoRefPtr<Ombrix::IVariant> clone = borrowed->Clone();
+    const auto assigned = Ombrix::Host::Variant::String("");
+    assigned->Assign(borrowed.get());
+    const std::string saved = borrowed->Serialize(nullptr)->ToJSONText();
+    lent.assign("XXXX XXXX");
+    EXPECT_EQ(std::string(clone->GetString(), clone->GetStringSize()), "lent text");
+    EXPECT_EQ(std::string(assigned->GetString(), assigned->GetStringSize()), "lent text");
+    EXPECT_EQ(saved, "\"lent text\"");
+    borrowed->AssignString("own", 3);
+    EXPECT_EQ(std::string(borrowed->GetString(), borrowed->GetStringSize()), "own");
 }
 
 using EngineTest = ModuleTest;

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <memory>
 #include <string>
 #include <string_view>
 
@@ -18,8 +19,9 @@ public:
 
     static AutoRefPtr<Data> Make(std::string bytes = {}) { return AutoRefPtr<Data>(new Data(std::move(bytes))); }
 
-    uint64_t GetSize() const override { return bytes_.size(); }
+    uint64_t GetSize() const override { return View().size(); }
     bool Assign(const char* bytes, uint64_t size) override {
+        written_.reset();
         if (bytes)
             bytes_.assign(bytes, size);
         else
@@ -27,34 +29,62 @@ public:
         return true;
     }
     uint64_t Read(char* destination, uint64_t size, uint64_t offset) const override {
-        if (offset >= bytes_.size()) return 0;
-        const uint64_t count = std::min<uint64_t>(size, bytes_.size() - offset);
-        std::memcpy(destination, bytes_.data() + offset, count);
+        const std::string_view bytes = View();
+        if (offset >= bytes.size()) return 0;
+        const uint64_t count = std::min<uint64_t>(size, bytes.size() - offset);
+        std::memcpy(destination, bytes.data() + offset, count);
         return count;
     }
     bool IsEqual(const IDataRef* other) const override;
-    AutoRefPtr<IDataRef> Clone() const override { return AutoRefPtr<IDataRef>(new Data(bytes_)); }
-    const char* GetData() const override { return bytes_.data(); }
+    AutoRefPtr<IDataRef> Clone() const override { return AutoRefPtr<IDataRef>(new Data(std::string(View()))); }
+    const char* GetData() const override { return View().data(); }
 
     // Takes the bytes without copying them.
-    void Assign(std::string&& bytes) noexcept { bytes_ = std::move(bytes); }
-    const std::string& Bytes() const noexcept { return bytes_; }
+    void Assign(std::string&& bytes) noexcept {
+        written_.reset();
+        bytes_ = std::move(bytes);
+    }
+    std::string_view View() const noexcept {
+        return written_ ? std::string_view(written_.get(), writtenSize_) : std::string_view(bytes_);
+    }
+
+    // Replaces the bytes with `size` bytes that the caller writes in place
+    // through the returned pointer: a buffer for a result whose size is known
+    // before it is computed (a cipher's output), so it is neither zero-filled
+    // first nor copied afterwards. Truncate then keeps the bytes written.
+    char* PrepareForWriting(uint64_t size) {
+        bytes_ = std::string();
+        written_.reset();
+        written_ = std::make_unique_for_overwrite<char[]>(size ? size : 1);
+        writtenSize_ = size;
+        return written_.get();
+    }
+    void Truncate(uint64_t size) noexcept {
+        if (written_)
+            writtenSize_ = std::min(writtenSize_, size);
+        else if (size < bytes_.size())
+            bytes_.resize(size);
+    }
 
 private:
     std::string bytes_;
+    // Set while the bytes are a buffer made by PrepareForWriting.
+    std::unique_ptr<char[]> written_;
+    uint64_t writtenSize_ = 0;
 };
 
 // Compares with any buffer: in place when it offers contiguous bytes, else in
 // 8192-byte chunks read through its Read.
 inline bool Data::IsEqual(const IDataRef* other) const {
-    if (!other || other->GetSize() != bytes_.size()) return false;
-    if (bytes_.empty()) return true;
-    if (const char* theirs = other->GetData()) return std::memcmp(theirs, bytes_.data(), bytes_.size()) == 0;
+    const std::string_view mine = View();
+    if (!other || other->GetSize() != mine.size()) return false;
+    if (mine.empty()) return true;
+    if (const char* theirs = other->GetData()) return std::memcmp(theirs, mine.data(), mine.size()) == 0;
     char chunk[8192];
-    for (uint64_t offset = 0; offset < bytes_.size();) {
-        const uint64_t wanted = std::min<uint64_t>(sizeof chunk, bytes_.size() - offset);
+    for (uint64_t offset = 0; offset < mine.size();) {
+        const uint64_t wanted = std::min<uint64_t>(sizeof chunk, mine.size() - offset);
         const uint64_t got = other->Read(chunk, wanted, offset);
-        if (got != wanted || std::memcmp(chunk, bytes_.data() + offset, got) != 0) return false;
+        if (got != wanted || std::memcmp(chunk, mine.data() + offset, got) != 0) return false;
         offset += got;
     }
     return true;

@@ -1,6 +1,10 @@
 #include "LuaEngine.h"
 
+#include <array>
 #include <cstdio>
+#include <iterator>
+#include <span>
+#include <vector>
 #include <exception>
 
 #include "Context.h"
@@ -90,34 +94,49 @@ int ErrorToString(lua_State* L) {
 int PushOutcome(lua_State* L, std::string_view name, const CallOutcome& outcome);
 
 // A routine of a namespace table; upvalue 2 is its script name, upvalue 3 its
-// declaration when it has only one (light userdata, else nil): every overload
-// choice picks the sole declaration, so such a call skips the choice. Inside a
-// task a call that parks yields the task instead of waiting.
+// overloads (light userdata: the engine's list, which lives as long as the
+// engine), so a call neither looks the name up nor, with one overload, makes
+// a choice. Inside a task a call that parks yields the task instead of waiting.
 int CallRoutine(lua_State* L) {
     Engine& engine = EngineOf(L);
     size_t nameSize = 0;
     // The upvalue keeps the name alive for as long as the closure exists.
     const char* name = lua_tolstring(L, lua_upvalueindex(2), &nameSize);
+    const auto& overloads =
+        *static_cast<const std::vector<const Declaration*>*>(lua_touserdata(L, lua_upvalueindex(3)));
     const int count = lua_gettop(L);
-    std::vector<AutoRefPtr<IVariant>> arguments(static_cast<size_t>(count));
+    // Most calls take a few arguments: they are converted on this stack.
+    constexpr int kInline = 8;
+    std::array<AutoRefPtr<IVariant>, kInline> inlineArguments;
+    std::vector<AutoRefPtr<IVariant>> heapArguments(count > kInline ? static_cast<size_t>(count) : 0);
+    AutoRefPtr<IVariant>* arguments = count > kInline ? heapArguments.data() : inlineArguments.data();
+    std::array<IVariant*, kInline> inlinePointers{};
+    std::vector<IVariant*> heapPointers(heapArguments.size());
+    IVariant** pointers = count > kInline ? heapPointers.data() : inlinePointers.data();
     for (int i = 0; i < count; ++i) {
-        if (!ToArgument(L, i + 1, arguments[static_cast<size_t>(i)])) {
+        // Strings are lent, not copied: they stay on this call's stack until it
+        // returns (a task's stack is kept while it is parked).
+        if (!ToArgument(L, i + 1, arguments[i], true)) {
             lua_pushfstring(L, "cannot pass a %s as parameter %d in function '%s'", luaL_typename(L, i + 1), i + 1,
                             name);
             return -1;
         }
+        pointers[i] = arguments[i].get();
     }
-    const auto* declaration = static_cast<const Declaration*>(lua_touserdata(L, lua_upvalueindex(3)));
-    if (!declaration) declaration = engine.Choose(std::string_view(name, nameSize), arguments);
+    const std::span<IVariant* const> passed(pointers, static_cast<size_t>(count));
+    const Declaration* declaration =
+        overloads.size() == 1 ? overloads.front() : Engine::ChooseAmong(overloads, passed);
     if (!declaration) {
         lua_pushfstring(L, "unknown routine '%s'", name);
         return -1;
     }
     // nil where a custom type is expected is a variable of that type that holds no object.
-    for (size_t i = 0; i < arguments.size() && i < declaration->parameterCodes.size(); ++i) {
+    for (size_t i = 0; i < passed.size() && i < declaration->parameterCodes.size(); ++i) {
         const uint32_t code = declaration->parameterCodes[i];
-        if (!arguments[i] && Ombrix::IsCustomTypeCode(code) && Ombrix::ContainerOf(code) == Ombrix::Container::Single)
+        if (!arguments[i] && Ombrix::IsCustomTypeCode(code) && Ombrix::ContainerOf(code) == Ombrix::Container::Single) {
             arguments[i] = Ombrix::Host::Variant::Unset(code);
+            pointers[i] = arguments[i].get();
+        }
     }
     if (!declaration->entry) {
         lua_pushfstring(L, "'%s' is not available: entry point %s of %s is not bound", name,
@@ -126,14 +145,16 @@ int CallRoutine(lua_State* L) {
     }
     const bool function = declaration->kind == Declaration::Kind::Function;
     if (InTask(L)) {
-        const Ombrix::Host::CallHandle call = engine.StartDeclaration(*declaration, std::move(arguments), function);
+        std::vector<AutoRefPtr<IVariant>> owned(std::make_move_iterator(arguments),
+                                                std::make_move_iterator(arguments + count));
+        const Ombrix::Host::CallHandle call = engine.StartDeclaration(*declaration, std::move(owned), function);
         if (!engine.Finished(call)) {
             ParkTask(L, call);
             return kParked;
         }
         return PushOutcome(L, std::string_view(name, nameSize), engine.TakeOutcome(call));
     }
-    return PushOutcome(L, std::string_view(name, nameSize), engine.CallDeclaration(*declaration, std::move(arguments), function));
+    return PushOutcome(L, std::string_view(name, nameSize), engine.CallBorrowed(*declaration, passed, function));
 }
 
 int ResumeCall(lua_State* L) {
@@ -335,11 +356,7 @@ void OpenEngine(lua_State* L, Engine& engine, const std::string& executable) {
             lua_pushlightuserdata(L, &engine);
             const std::string name = space + "." + routine;
             lua_pushlstring(L, name.data(), name.size());
-            const std::vector<const Declaration*>& overloads = engine.Overloads(name);
-            if (overloads.size() == 1)
-                lua_pushlightuserdata(L, const_cast<Declaration*>(overloads.front()));
-            else
-                lua_pushnil(L);
+            lua_pushlightuserdata(L, const_cast<std::vector<const Declaration*>*>(&engine.Overloads(name)));
             lua_pushcclosure(L, Protected<CallRoutine>, 3);
             lua_setfield(L, -2, routine.c_str());
         }

@@ -238,7 +238,7 @@ Ombrix::IJSON* AsJSON(IUserDefinedType* object) {
     return object->GetType() == Ombrix::kTypeJSON ? static_cast<Ombrix::IJSON*>(object) : nullptr;
 }
 
-bool ToArgument(lua_State* L, int index, AutoRefPtr<IVariant>& out) {
+bool ToArgument(lua_State* L, int index, AutoRefPtr<IVariant>& out, bool lendStrings) {
     switch (lua_type(L, index)) {
         case LUA_TNIL: out = nullptr; return true;
         case LUA_TBOOLEAN: out = Variant::Boolean(lua_toboolean(L, index) != 0); return true;
@@ -246,7 +246,7 @@ bool ToArgument(lua_State* L, int index, AutoRefPtr<IVariant>& out) {
         case LUA_TSTRING: {
             size_t size = 0;
             const char* text = lua_tolstring(L, index, &size);
-            out = Variant::String(std::string(text, size));
+            out = lendStrings ? Variant::LentString(text, size) : Variant::String(std::string(text, size));
             return true;
         }
         case LUA_TUSERDATA:

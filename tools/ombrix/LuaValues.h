@@ -37,7 +37,9 @@ Ombrix::IJSON* AsJSON(Ombrix::IUserDefinedType* object);
 // A routine argument from the Lua value at index: string -> STRING,
 // number -> NUMBER, boolean -> BOOLEAN, Data -> DATAREF, object -> its custom
 // type; nil gives a null argument. False for values that have no host form.
-bool ToArgument(lua_State* L, int index, AutoRefPtr<Ombrix::IVariant>& out);
+// With lendStrings a STRING uses the Lua string's bytes in place, so the value
+// must not outlive that string's slot on the Lua stack.
+bool ToArgument(lua_State* L, int index, AutoRefPtr<Ombrix::IVariant>& out, bool lendStrings = false);
 
 // Pushes one Lua value for a host value: the reverse of ToArgument, VECTORs
 // as arrays; null buffers and objects, and unassigned values, become nil.
