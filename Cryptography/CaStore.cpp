@@ -1,6 +1,5 @@
 #include "CaStore.h"
 
-#include <openssl/crypto.h>
 #include <openssl/err.h>
 #include <openssl/x509.h>
 #include <sys/stat.h>
@@ -10,6 +9,8 @@
 #include <new>
 #include <string>
 #include <vector>
+
+#include "openssl/AtUnload.h"
 
 namespace Cryptography {
 
@@ -67,25 +68,19 @@ struct Locations {
 };
 
 // The shared store and the locations it was built from. Plain pointers and a
-// mutex with trivial destruction; the store is freed by the reaper below.
+// mutex with trivial destruction.
 std::mutex guard;
 X509_STORE* shared = nullptr;
 Locations* sharedFrom = nullptr;
 
-// Frees the shared store when the module is unloaded, unless OpenSSL has
-// already been cleaned up at process exit (OPENSSL_init_crypto then says 0).
-struct Reaper {
-    Reaper() = default;
-    Reaper(const Reaper&) = delete;
-    Reaper& operator=(const Reaper&) = delete;
-    ~Reaper() {
-        if (!shared || !OPENSSL_init_crypto(0, nullptr)) return;
-        X509_STORE_free(shared);
-        shared = nullptr;
-        delete sharedFrom;
-        sharedFrom = nullptr;
-    }
-} reaper;
+bool HoldsStore() { return shared != nullptr; }
+void FreeShared() {
+    X509_STORE_free(shared);
+    shared = nullptr;
+    delete sharedFrom;
+    sharedFrom = nullptr;
+}
+const OpenSSL::AtUnload<HoldsStore, FreeShared> reaper;
 
 // A new reference to the store for the current locations, building it when
 // they changed; null when no store could be made.

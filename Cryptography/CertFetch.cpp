@@ -3,7 +3,6 @@
 // socket is not ready the calling script is suspended on a descriptor event;
 // the handshake's SSL waits in the call's user data until the host runs the
 // call again.
-#include <openssl/crypto.h>
 #include <openssl/err.h>
 #include <openssl/ssl.h>
 
@@ -13,6 +12,7 @@
 #include <string>
 
 #include "Routine.h"
+#include "openssl/AtUnload.h"
 #include "X509Cert.h"
 
 namespace Cryptography {
@@ -53,22 +53,16 @@ std::string ConnectTarget(const std::string& host, int32_t port) {
 // The client context every fetch makes its session from. A fetch changes
 // nothing on it and a new one costs about 0.1 ms of CPU, so one is made on
 // first use and shared (SSL_new from one context is safe on any thread). A
-// plain pointer and a mutex with trivial destruction; freed by the reaper.
+// plain pointer and a mutex with trivial destruction.
 std::mutex contextGuard;
 SSL_CTX* sharedContext = nullptr;
 
-struct ContextReaper {
-    ContextReaper() = default;
-    ContextReaper(const ContextReaper&) = delete;
-    ContextReaper& operator=(const ContextReaper&) = delete;
-    // At process exit OpenSSL may have been cleaned up already (it then
-    // answers 0 here); the context is left alone then.
-    ~ContextReaper() {
-        if (!sharedContext || !OPENSSL_init_crypto(0, nullptr)) return;
-        SSL_CTX_free(sharedContext);
-        sharedContext = nullptr;
-    }
-} contextReaper;
+bool HoldsContext() { return sharedContext != nullptr; }
+void FreeSharedContext() {
+    SSL_CTX_free(sharedContext);
+    sharedContext = nullptr;
+}
+const OpenSSL::AtUnload<HoldsContext, FreeSharedContext> contextReaper;
 
 SSL_CTX* FetchContext() {
     const std::lock_guard<std::mutex> lock(contextGuard);

@@ -1,6 +1,5 @@
 #include "Fetched.h"
 
-#include <openssl/crypto.h>
 #include <openssl/err.h>
 #include <openssl/objects.h>
 
@@ -8,6 +7,8 @@
 #include <cstdint>
 #include <mutex>
 #include <new>
+
+#include "openssl/AtUnload.h"
 
 namespace Cryptography {
 
@@ -67,24 +68,18 @@ Node* Lookup(Kind kind, const void* legacy, Fetch&& fetch) noexcept {
     return node;
 }
 
-// Frees every fetch when the module is unloaded. At process exit OpenSSL may
-// already have cleaned up (its exit handler can run first); the fetched
-// objects are then left alone, still reachable from the list.
-struct Reaper {
-    Reaper() = default;
-    Reaper(const Reaper&) = delete;
-    Reaper& operator=(const Reaper&) = delete;
-    ~Reaper() {
-        // OPENSSL_init_crypto answers 0 once OpenSSL has been cleaned up.
-        if (!head.load(std::memory_order_acquire) || !OPENSSL_init_crypto(0, nullptr)) return;
-        for (Node* node = head.exchange(nullptr); node;) {
-            Node* next = node->next;
-            Free(node);
-            delete node;
-            node = next;
-        }
+// Frees every fetch when the module is unloaded (left alone, still reachable
+// from the list, when OpenSSL has already been cleaned up at process exit).
+bool HoldsFetches() { return head.load(std::memory_order_acquire) != nullptr; }
+void FreeAll() {
+    for (Node* node = head.exchange(nullptr); node;) {
+        Node* next = node->next;
+        Free(node);
+        delete node;
+        node = next;
     }
-} reaper;
+}
+const OpenSSL::AtUnload<HoldsFetches, FreeAll> reaper;
 
 }  // namespace
 

@@ -85,6 +85,29 @@ struct HostRoutine {
     RoutineEntry entry;
 };
 
+// The plain pointers of argument values, as entry points and the overload
+// choice take them; a few are held without allocating.
+class ArgumentPointers {
+public:
+    explicit ArgumentPointers(const std::vector<AutoRefPtr<IVariant>>& arguments)
+        : heap_(arguments.size() > kInline ? arguments.size() : 0),
+          pointers_(arguments.size() > kInline ? heap_.data() : inline_),
+          size_(arguments.size()) {
+        for (size_t i = 0; i < size_; ++i) pointers_[i] = arguments[i].get();
+    }
+    ArgumentPointers(const ArgumentPointers&) = delete;
+    ArgumentPointers& operator=(const ArgumentPointers&) = delete;
+
+    std::span<IVariant* const> Span() const noexcept { return {pointers_, size_}; }
+
+private:
+    static constexpr size_t kInline = 8;
+    IVariant* inline_[kInline] = {};
+    std::vector<IVariant*> heap_;
+    IVariant** pointers_;
+    size_t size_;
+};
+
 class Engine {
 public:
     struct Options {

@@ -138,16 +138,7 @@ std::vector<std::string> Engine::RoutineNames(std::string_view ns) const {
 }
 
 const Declaration* Engine::Choose(std::string_view name, const std::vector<AutoRefPtr<IVariant>>& arguments) const {
-    constexpr size_t kInline = 8;
-    IVariant* inlinePointers[kInline];
-    std::vector<IVariant*> heapPointers;
-    IVariant** pointers = inlinePointers;
-    if (arguments.size() > kInline) {
-        heapPointers.resize(arguments.size());
-        pointers = heapPointers.data();
-    }
-    for (size_t i = 0; i < arguments.size(); ++i) pointers[i] = arguments[i].get();
-    return ChooseAmong(Overloads(name), std::span<IVariant* const>(pointers, arguments.size()));
+    return ChooseAmong(Overloads(name), ArgumentPointers(arguments).Span());
 }
 
 const Declaration* Engine::ChooseAmong(const std::vector<const Declaration*>& overloads,

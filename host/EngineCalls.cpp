@@ -21,17 +21,7 @@ CallOutcome Engine::CallEntry(std::string_view entryName, const std::vector<Auto
 
 CallOutcome Engine::CallDeclaration(const Declaration& declaration,
                                     const std::vector<AutoRefPtr<IVariant>>& arguments, bool withResult) {
-    // The entry point takes plain pointers; a few arguments need no allocation.
-    constexpr size_t kInline = 8;
-    IVariant* inlinePointers[kInline];
-    std::vector<IVariant*> heapPointers;
-    IVariant** pointers = inlinePointers;
-    if (arguments.size() > kInline) {
-        heapPointers.resize(arguments.size());
-        pointers = heapPointers.data();
-    }
-    for (size_t i = 0; i < arguments.size(); ++i) pointers[i] = arguments[i].get();
-    return CallBorrowed(declaration, std::span<IVariant* const>(pointers, arguments.size()), withResult);
+    return CallBorrowed(declaration, ArgumentPointers(arguments).Span(), withResult);
 }
 
 CallOutcome Engine::CallBorrowed(const Declaration& declaration, std::span<IVariant* const> arguments,
