@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <stdexcept>
 #include <string>
 
@@ -71,7 +72,7 @@ void AssignDigest(OpenSSL::CHash& hash, Data& result) {
     const unsigned char* digest = nullptr;
     uint32_t length = 0;
     hash.Finalize(&digest, &length);
-    result.Assign(reinterpret_cast<const char*>(digest), length);
+    std::memcpy(result.PrepareForWriting(length), digest, length);
 }
 
 // Runs body(md) and reports what it throws; the result stays empty on failure.

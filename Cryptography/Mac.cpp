@@ -126,7 +126,7 @@ AutoRefPtr<Data> CreateHMAC(const std::string& digestName, const std::string& ke
         Report(context, kFunctionError, "HMAC generation failed!");
         return result;
     }
-    result->Assign(reinterpret_cast<const char*>(out), outLength);
+    std::memcpy(result->PrepareForWriting(outLength), out, outLength);
     return result;
 }
 

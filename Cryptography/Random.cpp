@@ -40,12 +40,13 @@ AutoRefPtr<Data> CreateRandomBytes(int64_t n, IContext* context) {
         Report(context, kFunctionError, kRandomFailed);
         return result;
     }
-    std::string bytes(static_cast<size_t>(n), '\0');
-    if (!FillRandom(bytes)) {
+    // Written in place; a failed fill leaves the result empty again.
+    auto* bytes = reinterpret_cast<unsigned char*>(result->PrepareForWriting(static_cast<uint64_t>(n)));
+    if (RAND_bytes(bytes, static_cast<int>(n)) != 1) {
+        result->Assign(nullptr, 0);
         Report(context, kFunctionError, kRandomFailed);
         return result;
     }
-    result->Assign(std::move(bytes));
     return result;
 }
 

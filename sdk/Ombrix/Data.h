@@ -21,7 +21,7 @@ public:
 
     uint64_t GetSize() const override { return View().size(); }
     bool Assign(const char* bytes, uint64_t size) override {
-        written_.reset();
+        Forget();
         if (bytes)
             bytes_.assign(bytes, size);
         else
@@ -41,36 +41,52 @@ public:
 
     // Takes the bytes without copying them.
     void Assign(std::string&& bytes) noexcept {
-        written_.reset();
+        Forget();
         bytes_ = std::move(bytes);
     }
     std::string_view View() const noexcept {
-        return written_ ? std::string_view(written_.get(), writtenSize_) : std::string_view(bytes_);
+        return writtenBytes_ ? std::string_view(writtenBytes_, writtenSize_) : std::string_view(bytes_);
     }
 
     // Replaces the bytes with `size` bytes that the caller writes in place
     // through the returned pointer: a buffer for a result whose size is known
-    // before it is computed (a cipher's output), so it is neither zero-filled
-    // first nor copied afterwards. Truncate then keeps the bytes written.
+    // before it is computed (a cipher's output, a digest), so it is neither
+    // zero-filled first nor copied afterwards; up to kInlineBytes (any digest)
+    // are held in the object itself. Truncate then keeps the bytes written.
     char* PrepareForWriting(uint64_t size) {
         bytes_ = std::string();
         written_.reset();
-        written_ = std::make_unique_for_overwrite<char[]>(size ? size : 1);
+        if (size <= kInlineBytes) {
+            writtenBytes_ = inline_;
+        } else {
+            written_ = std::make_unique_for_overwrite<char[]>(size);
+            writtenBytes_ = written_.get();
+        }
         writtenSize_ = size;
-        return written_.get();
+        return writtenBytes_;
     }
     void Truncate(uint64_t size) noexcept {
-        if (written_)
+        if (writtenBytes_)
             writtenSize_ = std::min(writtenSize_, size);
         else if (size < bytes_.size())
             bytes_.resize(size);
     }
 
+    static constexpr uint64_t kInlineBytes = 64;
+
 private:
+    void Forget() noexcept {
+        written_.reset();
+        writtenBytes_ = nullptr;
+    }
+
     std::string bytes_;
-    // Set while the bytes are a buffer made by PrepareForWriting.
-    std::unique_ptr<char[]> written_;
+    // Set while the bytes are a buffer made by PrepareForWriting: inline_ or
+    // written_.
+    char* writtenBytes_ = nullptr;
     uint64_t writtenSize_ = 0;
+    std::unique_ptr<char[]> written_;
+    char inline_[kInlineBytes];
 };
 
 // Compares with any buffer: in place when it offers contiguous bytes, else in
