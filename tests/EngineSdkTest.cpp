@@ -44,32 +44,36 @@ TEST(DataBuffer, IsEqualAcrossChunkBoundaries) {
 }
 
 // A buffer written in place keeps what was written up to the truncation, and
-// any later assignment replaces it whole.
+// any later assignment replaces it whole; small buffers live in the object,
+// larger ones on the heap.
 TEST(DataBuffer, WrittenInPlaceThenTruncatedOrReplaced) {
     struct Case {
         const char* what;
         uint64_t keep;
         const char* assigned;  // null: nothing assigned afterwards
-        std::string expected;
     } cases[] = {
-        {"kept whole", 10, nullptr, "0123456789"},
-        {"truncated", 4, nullptr, "0123"},
-        {"truncation past the end keeps all", 99, nullptr, "0123456789"},
-        {"truncated to nothing", 0, nullptr, ""},
-        {"replaced by an assignment", 4, "xyz", "xyz"},
+        {"kept whole", ~0ull, nullptr},
+        {"truncated", 4, nullptr},
+        {"truncated to nothing", 0, nullptr},
+        {"replaced by an assignment", 4, "xyz"},
     };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.what);
-        const AutoRefPtr<Data> data = Data::Make("old bytes");
-        std::memcpy(data->PrepareForWriting(10), "0123456789", 10);
-        data->Truncate(c.keep);
-        if (c.assigned) data->Assign(c.assigned, std::strlen(c.assigned));
-        EXPECT_EQ(data->GetSize(), c.expected.size());
-        EXPECT_EQ(std::string(data->View()), c.expected);
-        EXPECT_TRUE(data->IsEqual(Data::Make(c.expected).get()));
-        EXPECT_EQ(std::string(data->GetData(), data->GetSize()), c.expected);
-        const AutoRefPtr<Ombrix::IDataRef> copy = data->Clone();
-        EXPECT_TRUE(copy->IsEqual(data.get()));
+    for (const size_t size : {size_t{10}, size_t{Data::kInlineBytes}, size_t{Data::kInlineBytes + 1}, size_t{5000}}) {
+        std::string written(size, '\0');
+        for (size_t i = 0; i < size; ++i) written[i] = static_cast<char>('a' + i % 26);
+        for (const Case& c : cases) {
+            SCOPED_TRACE(std::string(c.what) + ", " + std::to_string(size) + " bytes");
+            const std::string expected = c.assigned ? c.assigned : written.substr(0, std::min<uint64_t>(c.keep, size));
+            const AutoRefPtr<Data> data = Data::Make("old bytes");
+            std::memcpy(data->PrepareForWriting(size), written.data(), size);
+            data->Truncate(c.keep);
+            if (c.assigned) data->Assign(c.assigned, std::strlen(c.assigned));
+            EXPECT_EQ(data->GetSize(), expected.size());
+            EXPECT_EQ(std::string(data->View()), expected);
+            EXPECT_EQ(std::string(data->GetData(), data->GetSize()), expected);
+            EXPECT_TRUE(data->IsEqual(Data::Make(expected).get()));
+            const AutoRefPtr<Ombrix::IDataRef> copy = data->Clone();
+            EXPECT_TRUE(copy->IsEqual(data.get()));
+        }
     }
 }
 
