@@ -36,6 +36,8 @@ unsigned char* Out(std::string& bytes, size_t offset = 0) {
     return reinterpret_cast<unsigned char*>(bytes.data()) + offset;
 }
 const unsigned char* In(std::string_view bytes) { return reinterpret_cast<const unsigned char*>(bytes.data()); }
+// Raw bytes (a buffer's GetData), which need not end in a NUL: never measured.
+const unsigned char* In(const char* bytes) { return reinterpret_cast<const unsigned char*>(bytes); }
 bool FitsInt(size_t length) { return length <= static_cast<size_t>(INT_MAX); }
 
 size_t KeyLength(const EVP_CIPHER* cipher) {

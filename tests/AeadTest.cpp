@@ -1,4 +1,6 @@
 // AES-GCM tokens and ChaCha20-Poly1305 through the engine.
+#include <cstring>
+
 #include "../Cryptography/Codec.h"
 #include "VectorSupport.h"
 
@@ -107,9 +109,16 @@ TEST_F(ChaCha, WycheproofVectors) {
 TEST_F(ChaCha, NonceHandling) {
     const std::string key(32, 'c'), plain = "nonce rules", n12 = "0123456789ab", n16 = n12 + "cdef", zero(12, '\0');
     const std::string n8 = n12.substr(0, 8);
+    // A buffer holding exactly its bytes, with no terminator after them (the
+    // sanitizer build catches a read past them).
+    auto exact = [](const std::string& bytes) {
+        AutoRefPtr<Ombrix::Data> data = Ombrix::Data::Make();
+        std::memcpy(data->PrepareForWriting(bytes.size()), bytes.data(), bytes.size());
+        return Dat(AutoRefPtr<IDataRef>(std::move(data)));
+    };
     const struct { AutoRefPtr<IVariant> seal, open; std::string effective; } cases[] = {
         {Dat(n16), Dat(n16), n12}, {Dat(n16), Dat(n12), n12}, {Dat(n8), Dat(n8), n8 + zero.substr(0, 4)},
-        {NoData(), NoData(), zero}, {Dat(""), Dat(zero), zero}};
+        {NoData(), NoData(), zero}, {Dat(""), Dat(zero), zero}, {exact(n12), exact(n12), n12}};
     for (const auto& c : cases) {
         const auto parts = Seal(plain, key, c.seal, "");
         ASSERT_EQ(parts.size(), 2u);
