@@ -20,8 +20,9 @@ using Ombrix::IContext;
 constexpr char kNegativeLength[] = "Negative length parameter!";
 constexpr char kRandomFailed[] = "CreateRandomBytes failed!";
 
-bool FillRandom(std::string& bytes) {
-    return RAND_bytes(reinterpret_cast<unsigned char*>(bytes.data()), static_cast<int>(bytes.size())) == 1;
+// Callers have refused counts beyond RAND_bytes' int range (TooLarge).
+bool FillRandom(char* bytes, uint64_t count) {
+    return RAND_bytes(reinterpret_cast<unsigned char*>(bytes), static_cast<int>(count)) == 1;
 }
 
 // A count beyond RAND_bytes' int range is refused up front, as RAND_bytes
@@ -41,8 +42,8 @@ AutoRefPtr<Data> CreateRandomBytes(int64_t n, IContext* context) {
         return result;
     }
     // Written in place; a failed fill leaves the result empty again.
-    auto* bytes = reinterpret_cast<unsigned char*>(result->PrepareForWriting(static_cast<uint64_t>(n)));
-    if (RAND_bytes(bytes, static_cast<int>(n)) != 1) {
+    const auto count = static_cast<uint64_t>(n);
+    if (!FillRandom(result->PrepareForWriting(count), count)) {
         result->Assign(nullptr, 0);
         Report(context, kFunctionError, kRandomFailed);
         return result;
@@ -65,7 +66,7 @@ std::string CreateRandomBytesAsString(int64_t n, IContext* context) {
         return {};
     }
     std::string bytes(static_cast<size_t>((n + 1) / 2), '\0');
-    if (!FillRandom(bytes)) {
+    if (!FillRandom(bytes.data(), bytes.size())) {
         Report(context, kFunctionError, kRandomFailed);
         return {};
     }

@@ -220,6 +220,7 @@ private:
     uint32_t DeclareType(const std::string& name);
     void Bind(LoadedModule& module, std::vector<Declaration> declarations);
     CallRecord& Record(CallHandle call) const;
+    void Prepare(CallRecord& call, const Declaration& declaration, bool withResult);
     void Step(CallRecord& call);
     CallHandle Park(std::unique_ptr<CallRecord> call);
     // A parked call of the synchronous path, moved to the heap with its own

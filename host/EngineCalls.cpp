@@ -26,15 +26,11 @@ CallOutcome Engine::CallDeclaration(const Declaration& declaration,
 
 CallOutcome Engine::CallBorrowed(const Declaration& declaration, std::span<IVariant* const> arguments,
                                  bool withResult) {
-    if (!declaration.entry) throw std::invalid_argument("entry point " + declaration.entryName + " is not bound");
     // Almost every call finishes at once: its record stays on this stack and
     // it never touches the shared record of started calls.
     CallRecord run;
-    run.declaration = &declaration;
-    run.outcome.declaration = &declaration;
-    if (withResult) run.outcome.result = CreateInstance(declaration.resultCode);
+    Prepare(run, declaration, withResult);
     run.passed = arguments;
-    run.context = AutoRefPtr<Context>(new Context(*this, &declaration));
     Step(run);
     if (run.finished) return std::move(run.outcome);
     const CallHandle call = Park(Detach(run));
@@ -42,13 +38,23 @@ CallOutcome Engine::CallBorrowed(const Declaration& declaration, std::span<IVari
     return TakeOutcome(call);
 }
 
+// A new call of a bound declaration: its result value (for a function) and
+// its context.
+void Engine::Prepare(CallRecord& call, const Declaration& declaration, bool withResult) {
+    if (!declaration.entry) throw std::invalid_argument("entry point " + declaration.entryName + " is not bound");
+    call.declaration = &declaration;
+    call.outcome.declaration = &declaration;
+    if (withResult) call.outcome.result = CreateInstance(declaration.resultCode);
+    call.context = AutoRefPtr<Context>(new Context(*this, &declaration));
+}
+
 std::unique_ptr<CallRecord> Engine::Detach(CallRecord& run) {
     auto record = std::make_unique<CallRecord>();
     record->declaration = run.declaration;
-    record->arguments.reserve(run.passed.size());
-    for (IVariant* argument : run.passed) record->arguments.push_back(AutoRefPtr<IVariant>::Share(argument));
-    record->raw.assign(run.passed.begin(), run.passed.end());
-    record->passed = record->raw;
+    std::vector<AutoRefPtr<IVariant>> held;
+    held.reserve(run.passed.size());
+    for (IVariant* argument : run.passed) held.push_back(AutoRefPtr<IVariant>::Share(argument));
+    record->Own(std::move(held));
     record->context = std::move(run.context);
     record->outcome = std::move(run.outcome);
     record->event = std::move(run.event);
@@ -71,16 +77,9 @@ CallHandle Engine::Start(std::string_view name, std::vector<AutoRefPtr<IVariant>
 
 CallHandle Engine::StartDeclaration(const Declaration& declaration, std::vector<AutoRefPtr<IVariant>> arguments,
                                     bool withResult) {
-    if (!declaration.entry) throw std::invalid_argument("entry point " + declaration.entryName + " is not bound");
     auto call = std::make_unique<CallRecord>();
-    call->declaration = &declaration;
-    call->outcome.declaration = &declaration;
-    if (withResult) call->outcome.result = CreateInstance(declaration.resultCode);
-    call->arguments = std::move(arguments);
-    call->raw.reserve(call->arguments.size());
-    for (const auto& a : call->arguments) call->raw.push_back(a.get());
-    call->passed = call->raw;
-    call->context = AutoRefPtr<Context>(new Context(*this, &declaration));
+    Prepare(*call, declaration, withResult);
+    call->Own(std::move(arguments));
 
     CallRecord& record = *call;
     Step(record);

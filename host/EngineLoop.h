@@ -31,6 +31,15 @@ struct CallRecord {
     std::optional<std::chrono::steady_clock::time_point> deadline;
 
     bool Parked() const { return !finished && event; }
+    // Takes the arguments over: the record then holds its own references and
+    // hands the entry point their pointers.
+    void Own(std::vector<AutoRefPtr<IVariant>> values) {
+        arguments = std::move(values);
+        raw.clear();
+        raw.reserve(arguments.size());
+        for (const auto& a : arguments) raw.push_back(a.get());
+        passed = raw;
+    }
 };
 
 }  // namespace Ombrix::Host
