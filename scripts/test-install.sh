@@ -76,9 +76,8 @@ out=$(cd "$work/elsewhere" && "$work/host-cmake/hash_abc" 2>/dev/null) || fail "
 ok "host built with find_package(OmbrixSDK)"
 # The same host and the guide's module with pkg-config alone, compiled by the
 # commands the documents give (no -std of our own: the flags must carry it).
+# Run without arguments, the host loads the module from pkg-config's moduledir.
 export PKG_CONFIG_PATH="$work/moved/lib/$multiarch/pkgconfig"
-moduledir=$(pkg-config --variable=moduledir ombrix-host)
-[ -f "$moduledir/libCryptography.so" ] || fail "pkg-config moduledir '$moduledir' has no module"
 # shellcheck disable=SC2046  # the flags are words
 g++ -o "$work/hash_abc_pc" examples/host/main.cpp $(pkg-config --cflags --libs ombrix-host) \
     -DOMBRIX_MODULE_DIR="\"$(pkg-config --variable=moduledir ombrix-host)\"" || fail "g++ with pkg-config ombrix-host"
@@ -88,7 +87,6 @@ ok "host built with pkg-config ombrix-host"
 mkdir -p "$work/greeting"
 awk '/^```cpp$/ { getline first; if (first == "// greeting.cpp") { keep = 1; print first }; next }
      keep && /^```$/ { exit } keep' docs/host-sdk.md >"$work/greeting/greeting.cpp"
-[ -s "$work/greeting/greeting.cpp" ] || fail "docs/host-sdk.md has no greeting.cpp"
 # shellcheck disable=SC2046
 (cd "$work/greeting" &&
   g++ -shared -fPIC -fvisibility=hidden greeting.cpp $(pkg-config --cflags --libs ombrix-sdk) -o libGreeting.so) ||
