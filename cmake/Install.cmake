@@ -26,8 +26,23 @@ install(FILES ${PROJECT_BINARY_DIR}/tools/ombrix/ombrix.1.gz
         DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT runtime)
 install(FILES ${PROJECT_SOURCE_DIR}/README.md ${PROJECT_SOURCE_DIR}/NOTICE
         DESTINATION ${OMBRIX_RUNTIME_DOCDIR} COMPONENT runtime)
+# Examples that start with "#!" run as commands (mode 0755); the rest are 0644.
+# An edited example configures again, in case its first line changed.
+file(GLOB OMBRIX_EXAMPLE_FILES CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/examples/*.lua)
+set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${OMBRIX_EXAMPLE_FILES})
+set(OMBRIX_EXAMPLE_SCRIPTS)
+set(OMBRIX_EXAMPLE_SCRIPT_EXCLUDES)
+foreach(example ${OMBRIX_EXAMPLE_FILES})
+  file(READ ${example} start LIMIT 2 HEX)
+  if(start STREQUAL "2321")  # "#!"
+    get_filename_component(example_name ${example} NAME)
+    list(APPEND OMBRIX_EXAMPLE_SCRIPTS ${example})
+    list(APPEND OMBRIX_EXAMPLE_SCRIPT_EXCLUDES PATTERN ${example_name} EXCLUDE)
+  endif()
+endforeach()
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/examples/ DESTINATION ${OMBRIX_RUNTIME_DOCDIR}/examples
-        COMPONENT runtime PATTERN host EXCLUDE)
+        COMPONENT runtime PATTERN host EXCLUDE ${OMBRIX_EXAMPLE_SCRIPT_EXCLUDES})
+install(PROGRAMS ${OMBRIX_EXAMPLE_SCRIPTS} DESTINATION ${OMBRIX_RUNTIME_DOCDIR}/examples COMPONENT runtime)
 # docs/*.md: the host guide goes with the SDK, the rest with the command.
 if(EXISTS ${PROJECT_SOURCE_DIR}/docs)
   install(DIRECTORY ${PROJECT_SOURCE_DIR}/docs/ DESTINATION ${OMBRIX_RUNTIME_DOCDIR} COMPONENT runtime

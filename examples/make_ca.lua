@@ -50,12 +50,27 @@ X.AddExtension(ca, "keyUsage", "critical,keyCertSign,cRLSign")
 X.AddExtension(ca, "subjectKeyIdentifier", "hash")
 X.Sign(ca, caKey)                    -- always last: any later change voids it
 
+-- The authorityKeyIdentifier of a certificate that `issuer` signs: the
+-- issuer's own subject key identifier, as literal DER (SEQUENCE { [0] id }).
+-- AddExtension's "keyid" would take it from the certificate's own key, right
+-- only for a self-signed one; strict verifiers (openssl verify -x509_strict,
+-- Python's ssl from 3.13) reject an issued certificate without it.
+local function authorityKeyId(issuer)
+  local text = tostring(X.PEMToJson(X.ToPEM(issuer)))
+  local id = assert(text:match('"name":"X509v3 Subject Key Identifier","value":"(%x%x[%x:]*)"'),
+                    "the issuer has no subject key identifier")
+  local length = (#id + 1) // 3      -- "AB:CD:..." holds one byte per three characters
+  return ("DER:30:%02X:80:%02X:%s"):format(length + 2, length, id)
+end
+
 local serverKey = X.GenerateECKey()
 local server = draft({ { "CN", serverName } }, caName, serverKey, randomSerial(), 397)
 X.AddExtension(server, "basicConstraints", "critical,CA:FALSE")
 X.AddExtension(server, "keyUsage", "critical,digitalSignature")   -- an EC key only signs
 X.AddExtension(server, "extendedKeyUsage", "serverAuth")
 X.AddExtension(server, "subjectAltName", "DNS:" .. serverName)
+X.AddExtension(server, "subjectKeyIdentifier", "hash")
+X.AddExtension(server, "authorityKeyIdentifier", authorityKeyId(ca))
 X.Sign(server, caKey)                -- issued by the CA
 
 assert(X.HasIssued(ca, server), "the CA should have issued the server certificate")

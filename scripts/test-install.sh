@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
 # Checks what a build installs and packages, the way a new user and a host
 # author meet it: the installed tree (run from elsewhere, then moved to
-# another prefix), the out-of-tree host built against it with CMake (and its
-# flags checked through pkg-config), the Debian packages unpacked and run, and lintian on them.
+# another prefix), the out-of-tree host built against it with CMake and with
+# pkg-config as examples/host/README.md shows, a module built with pkg-config
+# as docs/host-sdk.md shows, the Debian packages unpacked and run, and lintian on them.
 # Usage: scripts/test-install.sh [BUILD-DIR]   (default: build, already built)
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -31,7 +32,21 @@ check_tree() {  # label, prefix
     fail "$label: --version names another module: $out"
   (cd "$work/elsewhere" && "$prefix/bin/ombrix" "$prefix/share/doc/ombrix/examples/tour.lua" >"$work/tour.out" 2>&1) ||
     { cat "$work/tour.out" >&2; fail "$label: the tour failed"; }
+  check_docs "$label" "$prefix"
   ok "$label"
+}
+
+# Installed examples that start with "#!" are commands (0755), the other files
+# 0644; the installed documents speak of the installed command, not build/ombrix.
+check_docs() {  # label, prefix
+  local label=$1 prefix=$2 file want have
+  while IFS= read -r -d '' file; do
+    want=644
+    [ "$(head -c 2 "$file")" = '#!' ] && want=755
+    have=$(stat -c %a "$file")
+    [ "$have" = "$want" ] || fail "$label: ${file#"$prefix"/} has mode $have, not $want"
+  done < <(find "$prefix/share/doc/ombrix/examples" -type f -print0)
+  ! grep -rl 'build/ombrix' "$prefix/share/doc" || fail "$label: these documents say build/ombrix"
 }
 
 # --- cmake --install ----------------------------------------------------------
@@ -59,20 +74,27 @@ cmake --build "$work/host-cmake" >/dev/null
 out=$(cd "$work/elsewhere" && "$work/host-cmake/hash_abc" 2>/dev/null) || fail "CMake-built host exited $?"
 [ "$out" = "$digest" ] || fail "CMake-built host printed '$out'"
 ok "host built with find_package(OmbrixSDK)"
+# The same host and the guide's module with pkg-config alone, compiled by the
+# commands the documents give (no -std of our own: the flags must carry it).
+# Run without arguments, the host loads the module from pkg-config's moduledir.
 export PKG_CONFIG_PATH="$work/moved/lib/$multiarch/pkgconfig"
-moduledir=$(pkg-config --variable=moduledir ombrix-host)
-[ -f "$moduledir/libCryptography.so" ] || fail "pkg-config moduledir '$moduledir' has no module"
-# The compile flags find every header (preprocessing is enough), and the
-# CMake build's object links with the link flags alone.
 # shellcheck disable=SC2046  # the flags are words
-c++ -std=c++20 -E -o /dev/null examples/host/main.cpp -DOMBRIX_MODULE_DIR='""' $(pkg-config --cflags ombrix-host) ||
-  fail "pkg-config --cflags ombrix-host"
+g++ -o "$work/hash_abc_pc" examples/host/main.cpp $(pkg-config --cflags --libs ombrix-host) \
+    -DOMBRIX_MODULE_DIR="\"$(pkg-config --variable=moduledir ombrix-host)\"" || fail "g++ with pkg-config ombrix-host"
+out=$(cd "$work/elsewhere" && "$work/hash_abc_pc" 2>/dev/null) || fail "pkg-config-built host exited $?"
+[ "$out" = "$digest" ] || fail "pkg-config-built host printed '$out'"
+ok "host built with pkg-config ombrix-host"
+mkdir -p "$work/greeting"
+awk '/^```cpp$/ { getline first; if (first == "// greeting.cpp") { keep = 1; print first }; next }
+     keep && /^```$/ { exit } keep' docs/host-sdk.md >"$work/greeting/greeting.cpp"
 # shellcheck disable=SC2046
-c++ -o "$work/hash_abc_pc" "$work"/host-cmake/CMakeFiles/hash_abc.dir/main.cpp.o $(pkg-config --libs ombrix-host) ||
-  fail "pkg-config --libs ombrix-host"
-out=$("$work/hash_abc_pc" 2>/dev/null) || fail "pkg-config-linked host exited $?"
-[ "$out" = "$digest" ] || fail "pkg-config-linked host printed '$out'"
-ok "host linked with pkg-config ombrix-host"
+(cd "$work/greeting" &&
+  g++ -shared -fPIC -fvisibility=hidden greeting.cpp $(pkg-config --cflags --libs ombrix-sdk) -o libGreeting.so) ||
+  fail "g++ with pkg-config ombrix-sdk"
+out=$(cd "$work/greeting" && "$work/moved/bin/ombrix" -m ./libGreeting.so -e 'print(Greeting.Hello("Ada"))') ||
+  fail "the pkg-config-built module failed"
+[ "$out" = "Hello, Ada!" ] || fail "the pkg-config-built module printed '$out'"
+ok "module built with pkg-config ombrix-sdk"
 
 # --- Debian packages --------------------------------------------------------------
 wait "$cpack" || { cat "$work/cpack.log" >&2; fail "cpack"; }
@@ -90,6 +112,7 @@ if command -v lintian >/dev/null; then
   report=$(lintian --fail-on error "${debs[@]}" 2>&1) || status=$?
   grep -v 'running with root privileges' <<<"$report" || true
   [ "$status" -eq 0 ] || fail "lintian reports errors (status $status)"
+  ! grep 'doc/ombrix/examples/' <<<"$report" || fail "lintian reports on the installed examples"
   ok "lintian: no errors"
 else
   echo "test-install: lintian is not installed; the packages were not checked by it"

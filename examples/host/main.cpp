@@ -9,6 +9,12 @@
 #include <Ombrix/Data.h>
 #include <Ombrix/Host/Engine.h>
 
+// The installed module folder, set by the build: CMake from OmbrixSDK_MODULE_DIR,
+// pkg-config users from the ombrix-host variable moduledir.
+#ifndef OMBRIX_MODULE_DIR
+#error "define OMBRIX_MODULE_DIR: -DOMBRIX_MODULE_DIR=\"$(pkg-config --variable=moduledir ombrix-host)\""
+#endif
+
 using Ombrix::AutoRefPtr;
 using Ombrix::IVariant;
 using Ombrix::Host::Variant;
