@@ -17,7 +17,7 @@ version=$(dpkg-query -W -f='${source:Version}' openssl)  # the installed openssl
 upstream=${version%%-*}
 mkdir -p "$work"
 
-fetch_source() {  # into $work/src: the installed version, else the newest of its series still published
+fetch_source() {  # into $work/src: the installed version, else the newest of its series that downloads
   local apt=$work/apt
   rm -rf "$apt" "$work"/openssl_* "$work/src"
   mkdir -p "$apt/lists/partial"
@@ -33,13 +33,13 @@ fetch_source() {  # into $work/src: the installed version, else the newest of it
   local candidates candidate
   candidates=$( (echo "$version"
                  apt-cache "${options[@]}" showsrc openssl | awk '/^Version:/ { print $2 }' |
-                   grep -F "${upstream%.*}." | sort -Vru) | awk '!seen[$0]++')
+                   { grep -F "${upstream%.*}." || true; } | sort -Vru) | awk '!seen[$0]++')
   for candidate in $candidates; do
     if (cd "$work" && apt-get -qq "${options[@]}" source --download-only "openssl=$candidate" >/dev/null 2>&1); then
       [ "$candidate" = "$version" ] ||
-        echo "openssl $version is no longer published; building the provider of $candidate"
+        echo "the source of openssl $version could not be downloaded; building the provider of $candidate"
       rm -rf "$apt"
-      dpkg-source -x "$work/openssl_$candidate.dsc" "$work/src" >/dev/null
+      dpkg-source -x "$work/openssl_${candidate#*:}.dsc" "$work/src" >/dev/null
       rm -f "$work"/openssl_*
       return
     fi
