@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Sets up, then builds and runs the whole test suite twice: a normal build and
-# an AddressSanitizer + UndefinedBehaviorSanitizer build; then the suite under
-# ThreadSanitizer and a short run of every fuzz target.
+# an AddressSanitizer + UndefinedBehaviorSanitizer build; FIPS mode with a real
+# FIPS provider; then the suite under ThreadSanitizer and a short run of every
+# fuzz target.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/setup.sh
@@ -18,6 +19,8 @@ echo "== normal build =="
 run_suite build
 echo "== install and packages =="
 scripts/test-install.sh build
+echo "== FIPS mode with OpenSSL's FIPS provider =="
+scripts/test-fips.sh build
 echo "== sanitizer build (ASan + UBSan) =="
 ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
   run_suite build-sanitize -DOMBRIX_SANITIZE=ON -DCMAKE_BUILD_TYPE=Debug
