@@ -40,6 +40,7 @@ class Session:
             env = dict(os.environ, TERM="xterm", HOME=home)
             env.pop("OMBRIX_MODULE_PATH", None)
             env.pop("OMBRIX_PASSWORD", None)
+            signal.signal(signal.SIGINT, signal.SIG_DFL)  # not ignored, whatever started the test
             os.execve(OMBRIX, [OMBRIX, *args], env)
         self.err_seen = 0
         if greeting:
