@@ -55,11 +55,19 @@ local function readPassword(confirm)
   if not os.execute("test -t 0") then
     fail("set OMBRIX_PASSWORD or run on a terminal to type the password")
   end
+  -- A shell reads the line with echo off and puts the terminal's settings
+  -- back however the read ends: Ctrl-C reaches the shell too, and its trap
+  -- restores them even though ombrix itself ends at once.
   local function ask(prompt)
     io.stderr:write(prompt)
-    os.execute("stty -echo")
-    local line = io.read("l")
-    os.execute("stty echo")
+    local shell = assert(io.popen([[
+      saved=$(stty -g) || exit 1
+      trap 'stty "$saved"' EXIT
+      trap 'exit 130' INT TERM HUP
+      stty -echo
+      IFS= read -r line && printf '%s' "$line"]], "r"))
+    local line = shell:read("a")
+    shell:close()
     io.stderr:write("\n")
     return line or ""
   end

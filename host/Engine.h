@@ -160,13 +160,25 @@ public:
     const std::vector<const Declaration*>& Overloads(std::string_view name) const;
     std::vector<std::string> Namespaces() const;
     std::vector<std::string> RoutineNames(std::string_view ns) const;
-    // The overload with the most declared parameters whose codes match the
-    // leading arguments (surplus arguments are ignored); else the first with as
-    // many parameters as arguments; else the first. Null when the name is unknown.
+    // How an argument stands to a parameter in the overload choice: of its
+    // type, of another type that the caller converts for that parameter, or
+    // not fitting.
+    enum class Fit { None, Converted, Exact };
+    using FitRule = Fit (*)(const IVariant* argument, uint32_t parameterCode);
+    // A null argument fits nothing; any other fits its own type code only.
+    static Fit ExactFit(const IVariant* argument, uint32_t parameterCode);
+    // The overload a call runs. Overloads with as many parameters as there
+    // are arguments are the candidates; only when there are none do the
+    // shorter ones whose parameters fit the leading arguments compete, the
+    // longest winning (surplus arguments are then ignored). Among fitting
+    // candidates the one with fewest conversions wins, then the first
+    // declared. When none fits, the candidate (or, without candidates, the
+    // overload) fitting the most leading arguments is returned, so that its
+    // argument status names the wrong position. Null when the name is unknown.
     const Declaration* Choose(std::string_view name, const std::vector<AutoRefPtr<IVariant>>& arguments) const;
     // The same choice among the overloads of one name (as Overloads returns them).
     static const Declaration* ChooseAmong(const std::vector<const Declaration*>& overloads,
-                                          std::span<IVariant* const> arguments);
+                                          std::span<IVariant* const> arguments, FitRule fit = ExactFit);
     const Declaration* FindEntry(std::string_view entryName) const;
     // The routine matching a name and a signature (result type, then parameters).
     const Declaration* FindRoutine(std::string_view name, const std::vector<std::string>& signature,

@@ -141,26 +141,70 @@ const Declaration* Engine::Choose(std::string_view name, const std::vector<AutoR
     return ChooseAmong(Overloads(name), ArgumentPointers(arguments).Span());
 }
 
+Engine::Fit Engine::ExactFit(const IVariant* argument, uint32_t parameterCode) {
+    return argument && argument->GetType() == parameterCode ? Fit::Exact : Fit::None;
+}
+
+namespace {
+
+// How one overload stands to the arguments: how many leading arguments fit
+// its parameters, how many of those only through a conversion, and whether
+// every parameter is covered.
+struct Standing {
+    size_t leading = 0;
+    size_t converted = 0;
+    bool whole = false;
+};
+
+Standing Measure(const Declaration& d, std::span<IVariant* const> arguments, Engine::FitRule fit) {
+    Standing s;
+    const size_t count = std::min(d.parameterCodes.size(), arguments.size());
+    for (; s.leading < count; ++s.leading) {
+        const Engine::Fit f = fit(arguments[s.leading], d.parameterCodes[s.leading]);
+        if (f == Engine::Fit::None) break;
+        if (f == Engine::Fit::Converted) ++s.converted;
+    }
+    s.whole = s.leading == d.parameterCodes.size();
+    return s;
+}
+
+}  // namespace
+
 const Declaration* Engine::ChooseAmong(const std::vector<const Declaration*>& overloads,
-                                       std::span<IVariant* const> arguments) {
+                                       std::span<IVariant* const> arguments, FitRule fit) {
     if (overloads.empty()) return nullptr;
-    // Surplus arguments are ignored by a routine, so an overload fits when its
-    // declared parameters match the leading arguments by type. The longest fit
-    // wins; among equally long ones, the first declared.
+    // Overloads with as many parameters as there are arguments come first: a
+    // shorter one would silently drop the arguments it does not take. Only
+    // when no overload takes that many do surplus arguments stay unread.
+    const bool exactCount = std::any_of(overloads.begin(), overloads.end(), [&](const Declaration* d) {
+        return d->parameterCodes.size() == arguments.size();
+    });
+    // The fitting overload: the longest (only one length with exactCount),
+    // then the one with fewest conversions, then the first declared.
     const Declaration* best = nullptr;
+    Standing bestStanding;
     for (const Declaration* d : overloads) {
-        const size_t count = d->parameterCodes.size();
-        if (count > arguments.size() || (best && count <= best->parameterCodes.size())) continue;
-        bool match = true;
-        for (size_t i = 0; i < count && match; ++i)
-            match = arguments[i] && arguments[i]->GetType() == d->parameterCodes[i];
-        if (match) best = d;
+        if (exactCount != (d->parameterCodes.size() == arguments.size())) continue;
+        const Standing s = Measure(*d, arguments, fit);
+        if (!s.whole) continue;
+        if (!best || d->parameterCodes.size() > best->parameterCodes.size() ||
+            (d->parameterCodes.size() == best->parameterCodes.size() && s.converted < bestStanding.converted)) {
+            best = d;
+            bestStanding = s;
+        }
     }
     if (best) return best;
-    // Nothing fits: the candidate whose argument status the caller gets.
-    for (const Declaration* d : overloads)
-        if (d->parameterCodes.size() == arguments.size()) return d;
-    return overloads.front();
+    // Nothing fits: the candidate that fits the most leading arguments runs,
+    // so its argument status names the position that is wrong.
+    for (const Declaration* d : overloads) {
+        if (exactCount && d->parameterCodes.size() != arguments.size()) continue;
+        const Standing s = Measure(*d, arguments, fit);
+        if (!best || s.leading > bestStanding.leading) {
+            best = d;
+            bestStanding = s;
+        }
+    }
+    return best;
 }
 
 const Declaration* Engine::FindEntry(std::string_view entryName) const {

@@ -20,15 +20,34 @@ AutoRefPtr<FileData> FileData::Open(const std::string& path) {
         ::close(descriptor);
         return nullptr;
     }
-    return AutoRefPtr<FileData>(new FileData(descriptor, static_cast<uint64_t>(info.st_size)));
+    if (info.st_size > 0) return AutoRefPtr<FileData>(new FileData(descriptor, static_cast<uint64_t>(info.st_size)));
+    // Files made when read (/proc) report no size: their bytes are what one
+    // read to the end gives.
+    std::string content;
+    char chunk[8192];
+    ssize_t got = 0;
+    while ((got = ::read(descriptor, chunk, sizeof chunk)) != 0) {
+        if (got < 0 && errno == EINTR) continue;
+        if (got < 0) break;
+        content.append(chunk, static_cast<size_t>(got));
+    }
+    ::close(descriptor);
+    if (got < 0) return nullptr;
+    return AutoRefPtr<FileData>(new FileData(std::move(content)));
 }
 
-FileData::~FileData() { ::close(descriptor_); }
+FileData::~FileData() {
+    if (descriptor_ >= 0) ::close(descriptor_);
+}
 
 uint64_t FileData::Read(char* destination, uint64_t size, uint64_t offset) const {
     ++readCalls_;
     if (offset >= size_) return 0;
     size = std::min(size, size_ - offset);
+    if (descriptor_ < 0) {
+        std::memcpy(destination, content_.data() + offset, size);
+        return size;
+    }
     uint64_t done = 0;
     while (done < size) {
         const ssize_t got = ::pread(descriptor_, destination + done, size - done, static_cast<off_t>(offset + done));

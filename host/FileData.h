@@ -1,5 +1,7 @@
 // A DATAREF backed by a file and read on demand: it keeps no contiguous bytes
-// (GetData is null), so consumers must use their chunked reading paths.
+// (GetData is null), so consumers must use their chunked reading paths. A
+// file that reports a size of 0 (those of /proc) is read to its end when it
+// is opened, and the buffer serves those bytes.
 #pragma once
 
 #include <string>
@@ -10,7 +12,8 @@ namespace Ombrix::Host {
 
 class FileData final : public UseCounted<IDataRef> {
 public:
-    // Null when the file cannot be opened or is not a regular file.
+    // Null when the file cannot be opened, is not a regular file, or
+    // reporting a size of 0 cannot be read.
     static AutoRefPtr<FileData> Open(const std::string& path);
     ~FileData() override;
 
@@ -27,9 +30,11 @@ public:
 
 private:
     FileData(int descriptor, uint64_t size) : descriptor_(descriptor), size_(size) {}
+    explicit FileData(std::string content) : descriptor_(-1), size_(content.size()), content_(std::move(content)) {}
 
-    int descriptor_;
+    int descriptor_;  // -1 when content_ holds the bytes
     uint64_t size_;
+    std::string content_;
     mutable uint64_t readCalls_ = 0;
 };
 

@@ -1,8 +1,52 @@
 #include "Variant.h"
 
+#include "Ombrix/Data.h"
 #include "Ombrix/Json.h"
 
 namespace Ombrix::Host {
+
+namespace {
+
+// The buffer of Variant::LentData: reads the lender's bytes until it is
+// given bytes of its own (Own, or an Assign).
+class LentBytes final : public UseCounted<IDataRef> {
+public:
+    explicit LentBytes(std::string_view lent) : view_(lent) {}
+
+    uint64_t GetSize() const override { return view_.size(); }
+    bool Assign(const char* bytes, uint64_t size) override {
+        own_.assign(bytes ? bytes : "", bytes ? size : 0);
+        view_ = own_;
+        return true;
+    }
+    uint64_t Read(char* destination, uint64_t size, uint64_t offset) const override {
+        if (offset >= view_.size()) return 0;
+        const uint64_t count = std::min<uint64_t>(size, view_.size() - offset);
+        std::memcpy(destination, view_.data() + offset, count);
+        return count;
+    }
+    bool IsEqual(const IDataRef* other) const override {
+        if (!other || other->GetSize() != view_.size()) return false;
+        if (view_.empty()) return true;
+        if (const char* theirs = other->GetData()) return std::memcmp(theirs, view_.data(), view_.size()) == 0;
+        std::string copy(view_.size(), '\0');
+        return other->Read(copy.data(), copy.size(), 0) == copy.size() && copy == view_;
+    }
+    AutoRefPtr<IDataRef> Clone() const override { return AutoRefPtr<IDataRef>(Data::Make(std::string(view_))); }
+    const char* GetData() const override { return view_.data(); }
+
+    void Own() {
+        if (view_.data() == own_.data()) return;
+        own_.assign(view_);
+        view_ = own_;
+    }
+
+private:
+    std::string_view view_;
+    std::string own_;
+};
+
+}  // namespace
 
 std::string BuiltinTypeName(uint32_t code) {
     const char* base = nullptr;
@@ -46,6 +90,23 @@ AutoRefPtr<Variant> Variant::LentString(const char* text, size_t size) {
     v->assigned_ = true;
     return v;
 }
+AutoRefPtr<Variant> Variant::LentData(const char* bytes, size_t size) {
+    AutoRefPtr<Variant> v(new Variant(kTypeDataRef));
+    v->AssignData(AutoRefPtr<IDataRef>(new LentBytes(std::string_view(bytes, size))));
+    v->lentData_ = true;
+    return v;
+}
+void Variant::MakeOwned() {
+    if (lent_.data()) {
+        string_.assign(lent_);
+        lent_ = {};
+    }
+    if (lentData_) static_cast<LentBytes*>(data_.get())->Own();
+    lentData_ = false;
+}
+bool Variant::Shared() const noexcept {
+    return GetCount() > 1 || (lentData_ && data_->GetCount() > 1);
+}
 AutoRefPtr<Variant> Variant::DataRef(AutoRefPtr<IDataRef> value) {
     AutoRefPtr<Variant> v(new Variant(kTypeDataRef));
     v->AssignData(std::move(value));
@@ -77,6 +138,7 @@ void Variant::Reset(uint32_t type) {
     number_ = 0;
     string_.clear();
     lent_ = {};
+    lentData_ = false;
     data_ = nullptr;
     stream_ = nullptr;
     object_ = nullptr;

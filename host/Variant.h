@@ -21,6 +21,9 @@ public:
     // for as long as the value is in use (a script's string during a call):
     // no copy is made.
     static AutoRefPtr<Variant> LentString(const char* text, size_t size);
+    // A DATAREF over bytes lent the same way. Its buffer never writes to
+    // them: an Assign gives it bytes of its own.
+    static AutoRefPtr<Variant> LentData(const char* bytes, size_t size);
     static AutoRefPtr<Variant> DataRef(AutoRefPtr<IDataRef> value);
     // A custom value; its type code is the object's own.
     static AutoRefPtr<Variant> Object(AutoRefPtr<IUserDefinedType> value);
@@ -57,6 +60,15 @@ public:
     // Whether a value was ever assigned (a fresh result stays unassigned when
     // the routine leaves it alone).
     bool IsAssigned() const noexcept { return assigned_; }
+    // Whether the value reads bytes a caller lent (LentString, LentData).
+    bool IsLent() const noexcept { return lent_.data() || lentData_; }
+    // Copies lent bytes in, so the value no longer reads the lender's: a
+    // lent STRING takes a copy, a lent buffer copies into itself (whoever
+    // holds it sees the same bytes, now its own). Call it before the lender
+    // takes its bytes back from a value that stays in use.
+    void MakeOwned();
+    // Whether anything besides this value holds it or its lent buffer.
+    bool Shared() const noexcept;
     std::string_view StringValue() const noexcept { return Text(); }
     const AutoRefPtr<IUserDefinedType>& ObjectValue() const noexcept { return object_; }
 
@@ -70,6 +82,7 @@ private:
     double number_ = 0;
     std::string string_;
     std::string_view lent_;  // set for a lent string, which string_ then does not hold
+    bool lentData_ = false;  // data_ is a LentBytes buffer
     AutoRefPtr<IDataRef> data_;
     AutoRefPtr<IStream> stream_;
     AutoRefPtr<IUserDefinedType> object_;

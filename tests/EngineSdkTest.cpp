@@ -98,6 +98,24 @@ TEST(HostValues, LentStringsBehaveAsOwnedOnes) {
     EXPECT_EQ(std::string(borrowed->GetString(), borrowed->GetStringSize()), "own");
 }
 
+// A lent buffer reads the lender's bytes in place and never writes to them;
+// MakeOwned copies them into the buffer itself, so a holder keeps them.
+TEST(HostValues, LentBuffersOwnTheirBytesWhenTold) {
+    std::string lent = "lent bytes";
+    const auto value = Ombrix::Host::Variant::LentData(lent.data(), lent.size());
+    const AutoRefPtr<IDataRef> held = value->GetData();
+    EXPECT_TRUE(value->IsLent() && value->Shared());
+    EXPECT_EQ(held->GetData(), lent.data());
+    value->MakeOwned();
+    lent.assign("XXXX XXXXX");
+    EXPECT_FALSE(value->IsLent());
+    EXPECT_EQ(std::string(held->GetData(), held->GetSize()), "lent bytes");
+    const auto written = Ombrix::Host::Variant::LentData(lent.data(), lent.size());
+    written->GetData()->Assign("new", 3);
+    EXPECT_EQ(lent, "XXXX XXXXX");
+    EXPECT_EQ(std::string(written->GetData()->GetData(), written->GetData()->GetSize()), "new");
+}
+
 using EngineTest = ModuleTest;
 
 TEST_F(EngineTest, TypeCodes) {

@@ -1,19 +1,24 @@
 #!/usr/bin/env python3
 """The ombrix prompt driven through a pseudo-terminal: values shown as the
-stock Lua prompt shows them, errors reported without ending the session,
-multi-line statements, history (in memory and in $HOME/.ombrix_history),
-Ctrl-D ending with status 0, -i after code, and piped input left alone.
+stock Lua prompt shows them (tables by their contents), errors reported
+without ending the session, multi-line statements, history (in memory and in
+$HOME/.ombrix_history), Ctrl-C dropping a line or stopping code, Ctrl-D
+ending with status 0, -i after code, and piped input left alone; Ctrl-C in
+scripts and at examples/encrypt_file.lua's password prompt.
 Usage: prompt_test.py OMBRIX"""
 import os
 import pty
 import select
+import signal
 import subprocess
 import sys
 import tempfile
+import termios
 import time
 import unittest
 
 OMBRIX = sys.argv.pop(1) if len(sys.argv) > 1 else "build/ombrix"
+EXAMPLES = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "examples")
 TIMEOUT = 60  # seconds; the machine may be busy
 UP = "\x1b[A"
 # How long the terminal stays quiet after a prompt before keys are typed, so
@@ -25,7 +30,7 @@ ABC_SHA256 = "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad"
 class Session:
     """One ombrix process on a pseudo-terminal, its stderr in a file."""
 
-    def __init__(self, home, *args):
+    def __init__(self, home, *args, greeting=True):
         self.stderr_path = os.path.join(home, "stderr.txt")
         open(self.stderr_path, "w").close()
         self.pid, self.fd = pty.fork()
@@ -34,9 +39,12 @@ class Session:
             os.dup2(err, 2)
             env = dict(os.environ, TERM="xterm", HOME=home)
             env.pop("OMBRIX_MODULE_PATH", None)
+            env.pop("OMBRIX_PASSWORD", None)
+            signal.signal(signal.SIGINT, signal.SIG_DFL)  # not ignored, whatever started the test
             os.execve(OMBRIX, [OMBRIX, *args], env)
         self.err_seen = 0
-        self.greeting = self._read_until(("\n> ",))
+        if greeting:
+            self.greeting = self._read_until(("\n> ",))
 
     def _read_until(self, endings):
         """Reads until the output ends with one of endings and then stays
@@ -69,6 +77,25 @@ class Session:
         new_err, self.err_seen = err[self.err_seen:], len(err)
         return printed, new_err, prompt
 
+    def interrupt(self, keys, prompt=True):
+        """Types keys, then Ctrl-C a moment later; waits for the prompt."""
+        os.write(self.fd, keys.encode())
+        time.sleep(0.5)
+        os.write(self.fd, b"\x03")
+        if prompt:
+            self._read_until(("^C\r\n> ",))
+
+    def wait(self):
+        """The exit status once the process has ended (-N for signal N)."""
+        deadline = time.time() + TIMEOUT
+        while time.time() < deadline:
+            pid, status = os.waitpid(self.pid, os.WNOHANG)
+            if pid:
+                return os.waitstatus_to_exitcode(status)
+            time.sleep(0.1)
+        os.kill(self.pid, signal.SIGKILL)
+        raise AssertionError(f"ombrix still runs after {TIMEOUT}s")
+
     def end(self):
         """Ctrl-D; returns the exit status."""
         os.write(self.fd, b"\x04")
@@ -99,6 +126,9 @@ LINES = [
     ("Data(string.rep('A', 65))", "Data(65 bytes: " + "41" * 64 + "...)\n", ""),
     ("JSON.FromString('{\"a\":[1,2]}')", '{"a":[1,2]}\n', ""),
     ('Ombrix.new("Cryptography.Key")', "Cryptography.Key\n", ""),
+    ("Cryptography.X509VectorFromPEM('')", "{}\n", ""),
+    ("{1, 'a\"b', {Data('x')}, k = true}", '{1, "a\\"b", {Data.fromhex("78")}, k = true}\n', ""),
+    ("setmetatable({}, {__tostring = function() error('no text') end})", "", "ombrix: stdin:1: no text"),
     ("'text'", "text\n", ""),
     ("print('hi')", "hi\n", ""),
     ("error('boom')", "", "ombrix: stdin:1: boom\nstack traceback:"),
@@ -138,6 +168,59 @@ class PromptTest(unittest.TestCase):
         self.assertEqual(session.send("end"), ("", "", "> "))
         self.assertEqual(session.send("twice(21)"), ("42\n", "", "> "))
         self.assertEqual(session.end(), 0)
+
+    def test_ctrl_c(self):
+        # (typed before Ctrl-C, a trailing \r running it; what stderr then
+        # holds; typed next and what it prints): the session and its
+        # variables go on.
+        cases = [
+            ("", "", "x", "41\n"),
+            ("x = 1", "", "x", "41\n"),
+            ("for i = 1, 2 do\r", "", "x", "41\n"),
+            ("while true do end\r", "interrupted!", "x", "41\n"),
+            # A routine is not interrupted: the code stops when it returns.
+            ("y = Cryptography.PKCS5PBKDF2HMAC('p', 's', 3000000, 'SHA256', 8)\r", "interrupted!", "y", "nil\n"),
+            ("Ombrix.join(Ombrix.spawn(function() while true do end end))\r", "interrupted!", "x", "41\n"),
+        ]
+        session = Session(self.home)
+        session.send("x = 41")
+        for typed, err, then, printed in cases:
+            with self.subTest(typed=typed):
+                session.interrupt(typed)
+                out, got_err, prompt = session.send(then)
+                self.assertIn(err, got_err)
+                self.assertEqual((out, prompt), (printed, "> "))
+        self.assertEqual(session.end(), 0)
+
+    def test_second_ctrl_c_during_a_routine_ends_the_process(self):
+        session = Session(self.home)
+        session.interrupt("Cryptography.PKCS5PBKDF2HMAC('p', 's', 100000000, 'SHA256', 8)\r", prompt=False)
+        time.sleep(0.5)  # two signals at once would be one
+        os.write(session.fd, b"\x03")
+        self.assertEqual(session.wait(), -signal.SIGINT)
+
+    def test_scripts_keep_the_default_sigint(self):
+        child = subprocess.Popen([OMBRIX, "-e", "print('running') io.stdout:flush() while true do end"],
+                                 stdout=subprocess.PIPE, text=True,
+                                 preexec_fn=lambda: signal.signal(signal.SIGINT, signal.SIG_DFL))
+        self.assertEqual(child.stdout.readline(), "running\n")
+        child.send_signal(signal.SIGINT)
+        self.assertEqual(child.wait(TIMEOUT), -signal.SIGINT)
+        child.stdout.close()
+
+    def test_password_prompt_restores_echo_on_ctrl_c(self):
+        plain = os.path.join(self.home, "plain.txt")
+        with open(plain, "w", encoding="utf-8") as f:
+            f.write("secret\n")
+        session = Session(self.home, os.path.join(EXAMPLES, "encrypt_file.lua"), plain, greeting=False)
+        deadline = time.time() + TIMEOUT
+        while termios.tcgetattr(session.fd)[3] & termios.ECHO:  # until it asks
+            self.assertLess(time.time(), deadline, "echo never went off")
+            time.sleep(0.1)
+        time.sleep(QUIET)
+        os.write(session.fd, b"\x03")
+        self.assertEqual(session.wait(), -signal.SIGINT)
+        self.assertTrue(termios.tcgetattr(session.fd)[3] & termios.ECHO)
 
     def test_history_in_memory_and_across_sessions(self):
         session = Session(self.home)

@@ -1,12 +1,16 @@
 -- How a script's call reaches a declaration: a routine with one declaration
 -- runs it whatever the arguments (surplus ones ignored, wrong or missing ones
--- reported by position), one with several chooses by the argument types, and
--- large buffers cross both ways intact.
+-- reported by position), one with several chooses by the argument types
+-- (never a shorter one that would drop an argument), a string is lent where
+-- only a DATAREF fits, and large buffers cross both ways intact.
 local check = dofile(arg[0]:match("^(.*/)") .. "lib/check.lua")
 check.needs("Cryptography.Lookup3Hash", "Cryptography.Hash", "Cryptography.Encrypt", "Cryptography.DataRefDecrypt")
 local C = Cryptography
 
 local abc = "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad"
+local aes, iv = string.rep("k", 32), "my-iv-1234567890"
+local ec = C.GenerateECKey()
+local signature = C.Sign("m", ec, "SHA256")
 check.each({
   {name = "single declaration", call = function() return C.Lookup3Hash("Abc") end, result = C.Lookup3Hash("abc")},
   {name = "surplus arguments ignored", call = function() return C.Lookup3Hash("abc", 1, Data("x")) end,
@@ -22,6 +26,18 @@ check.each({
   {name = "overload, wrong type", call = function() return C.Hash("SHA256", true) end,
    message = "invalid parameter 2 in function 'Cryptography.Hash'"},
   {name = "no arguments", call = function() return C.FIPSSelfTestFailed() end, result = false},
+  {name = "string IV lent as a buffer", call = function() return C.Encrypt("AES-256-CBC", "x", aes, iv):hex() end,
+   result = C.Encrypt("AES-256-CBC", "x", aes, Data(iv)):hex()},
+  {name = "string signature lent", call = function() return C.VerifySignature("m", ec, "SHA256", signature:bytes()) end,
+   result = true},
+  {name = "string password lent", call = function() return C.PKCS5PBKDF2HMAC("pw", "salt", 1, "SHA256", 8):hex() end,
+   result = C.PKCS5PBKDF2HMAC(Data("pw"), Data("salt"), 1, "SHA256", 8):hex()},
+  {name = "no shorter overload for a mistyped argument", call = function() return C.Encrypt("AES-256-CBC", "x", aes, 7) end,
+   message = "invalid parameter 4 in function 'Cryptography.Encrypt'"},
+  {name = "position of the misfit", call = function() return C.Sign("m", ec, 256) end,
+   message = "invalid parameter 3 in function 'Cryptography.Sign'"},
+  {name = "nil for an object", call = function() return C.Sign("m", nil, "SHA256") end,
+   message = "invalid object used for parameter 2 in function 'Cryptography.Sign'"},
 }, function(case)
   if case.message then
     check.equal(check.raises(case.call), case.message, "message")

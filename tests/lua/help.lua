@@ -1,5 +1,6 @@
--- Ombrix.help: prints reference entries (all overloads of a name), lists the
--- namespaces and routines, and refuses unknown names with a Lua error.
+-- Ombrix.help: prints reference entries (all overloads of a name), entries of
+-- the Lua API page (Ombrix.*, Data.*), sections of both pages by their
+-- title's words, lists them all, and refuses unknown names with a Lua error.
 local check = dofile(arg[0]:match("^(.*/)") .. "lib/check.lua")
 local referencePath = arg[0]:match("^(.*/)") .. "../../docs/reference.md"
 
@@ -42,7 +43,14 @@ check.each({
    has = {"FUNCTION JSON JSON.Set (JSON,STRING,STRING)\n", "a routine of the host"}},
   {name = "listing", code = "Ombrix.help()",
    has = {"\nCryptography\n", "\nJSON\n", "\nNet\n", "  HashFile ", "Message digest of a file's content",
-          "types: Cryptography.Key, Cryptography.X509, Cryptography.SSL\n"}},
+          "types: Cryptography.Key, Cryptography.X509, Cryptography.SSL\n", "\nOmbrix\n  help ", "\nData\n",
+          "\nSections\n", "  How errors reach a script\n"}},
+  {name = "the command's function", code = 'Ombrix.help("spawn")', has = {"### Ombrix.spawn\n", "Ombrix.spawn(fn, ...)"},
+   lacks = {"### Ombrix.join"}},
+  {name = "a section by its title", code = 'Ombrix.help("Data")', has = {"## Data\n", "d:hex()"},
+   lacks = {"### Data.fromhex", "## Random data"}},
+  {name = "a section by a word", code = 'Ombrix.help("ERRORS")', has = {"## How errors reach a script\n"},
+   lacks = {"### Cryptography.Hash"}},
   {name = "unknown name", code = 'Ombrix.help("Cryptography.NoSuchRoutine")', status = 1, out = "",
    err = "Ombrix.help: no entry for 'Cryptography.NoSuchRoutine'; Ombrix.help() lists the routines"},
   {name = "ambiguous or foreign short name", code = 'Ombrix.help("Set")', status = 1, out = "",
@@ -80,5 +88,25 @@ for _, name in ipairs(names) do
   check.truthy(listing:find("\n  " .. name .. " ", 1, true) or listing:find("\n  " .. name .. "\n", 1, true),
                "the listing names " .. name)
 end
+
+-- Everything in the Ombrix table has an entry, and every section of the
+-- reference with text of its own is found by its title.
+local fields, titles = {}, {}
+for name in pairs(Ombrix) do fields[#fields + 1] = name end
+local title, fenced = nil, false
+for line in reference:gmatch("[^\n]*") do
+  if line:find("^```") then fenced = not fenced end
+  if not fenced and line:find("^#") then title = line:match("^## (.+)") elseif title and line:find("%S") then
+    titles[#titles + 1], title = title, nil
+  end
+end
+check.truthy(#titles >= 3, "the reference has sections")
+local code = {}
+for _, name in ipairs(fields) do code[#code + 1] = ('Ombrix.help("Ombrix.%s")'):format(name) end
+for _, title in ipairs(titles) do code[#code + 1] = ('Ombrix.help(%q)'):format(title) end
+local status, printed = run(table.concat(code, " "))
+check.equal(status, 0, "help for every field and section")
+for _, name in ipairs(fields) do check.truthy(printed:find("### Ombrix." .. name .. "\n", 1, true), "entry of Ombrix." .. name) end
+for _, title in ipairs(titles) do check.truthy(printed:find("## " .. title .. "\n", 1, true), "section " .. title) end
 os.remove(errFile)
-print(("help: ok (%d routines)"):format(#names))
+print(("help: ok (%d routines, %d fields, %d sections)"):format(#names, #fields, #titles))

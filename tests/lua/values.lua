@@ -18,13 +18,16 @@ end)
 check.raises(function() return Data.fromhex("abc") end, "is not an even number of hexadecimal digits")
 check.raises(function() return Data.fromhex("zz") end, "is not an even number of hexadecimal digits")
 
--- A file-backed buffer reads the file on demand and agrees with its content.
-local path = dataDir .. "/module_definition.txt"
-local content = assert(io.open(path, "rb")):read("a")
-local file = Data.file(path)
-check.equal(#file, #content, "file length")
-check.equal(file:bytes(), content, "file bytes")
-check.truthy(file == Data(content) and Data(content) == file, "file equals its bytes both ways")
+-- A file-backed buffer agrees with the file's content, also for a /proc file,
+-- which reports a size of 0.
+for _, path in ipairs({dataDir .. "/module_definition.txt", "/proc/version"}) do
+  local content = assert(io.open(path, "rb")):read("a")
+  local file = Data.file(path)
+  check.truthy(#content > 0, path .. " has content")
+  check.equal(#file, #content, "file length of " .. path)
+  check.equal(file:bytes(), content, "file bytes of " .. path)
+  check.truthy(file == Data(content) and Data(content) == file, "file equals its bytes both ways: " .. path)
+end
 check.raises(function() return Data.file(dataDir) end, "cannot open")  -- a directory
 
 check.equal(math.type(Cryptography.FIPSMode()), "integer", "whole numbers arrive as integers")

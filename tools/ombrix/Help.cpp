@@ -1,6 +1,7 @@
 #include "Help.h"
 
 #include <algorithm>
+#include <cctype>
 #include <cstdio>
 #include <exception>
 #include <string>
@@ -17,15 +18,73 @@ namespace {
 
 using Ombrix::Host::Engine;
 
-// Parsed once; the text is part of the executable.
+std::string_view Reference() { return {kReferenceText, kReferenceTextSize}; }
+std::string_view LuaApi() { return {kLuaApiText, kLuaApiTextSize}; }
+
+// Parsed once; the texts are part of the executable.
+// The routine reference's entries.
 const std::vector<ReferenceEntry>& Entries() {
-    static const std::vector<ReferenceEntry> entries =
-        ParseReference(std::string_view(kReferenceText, kReferenceTextSize));
+    static const std::vector<ReferenceEntry> entries = ParseReference(Reference());
     return entries;
 }
 
+// The Lua API page's entries (Ombrix.*, Data.*).
+const std::vector<ReferenceEntry>& LuaApiEntries() {
+    static const std::vector<ReferenceEntry> entries = ParseReference(LuaApi());
+    return entries;
+}
+
+const std::vector<ReferenceEntry>& AllEntries() {
+    static const std::vector<ReferenceEntry> entries = [] {
+        std::vector<ReferenceEntry> all = Entries();
+        all.insert(all.end(), LuaApiEntries().begin(), LuaApiEntries().end());
+        return all;
+    }();
+    return entries;
+}
+
+// The sections of both pages, in that order.
+const std::vector<ReferenceTopic>& Topics() {
+    static const std::vector<ReferenceTopic> topics = [] {
+        std::vector<ReferenceTopic> all = ParseTopics(Reference());
+        for (ReferenceTopic& topic : ParseTopics(LuaApi())) all.push_back(std::move(topic));
+        return all;
+    }();
+    return topics;
+}
+
+// The words of a text, in lower case.
+std::vector<std::string> Words(std::string_view text) {
+    std::vector<std::string> words(1);
+    for (const char c : text) {
+        if (std::isalnum(static_cast<unsigned char>(c)))
+            words.back() += static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+        else if (!words.back().empty())
+            words.emplace_back();
+    }
+    if (words.back().empty()) words.pop_back();
+    return words;
+}
+
+// The first section whose title holds every word asked for (in any letter
+// case); one with exactly those words comes first.
+const ReferenceTopic* FindTopic(std::string_view asked) {
+    const std::vector<std::string> wanted = Words(asked);
+    if (wanted.empty()) return nullptr;
+    const ReferenceTopic* found = nullptr;
+    for (const ReferenceTopic& topic : Topics()) {
+        const std::vector<std::string> title = Words(topic.title);
+        if (title == wanted) return &topic;
+        const bool holds = std::all_of(wanted.begin(), wanted.end(), [&](const std::string& word) {
+            return std::find(title.begin(), title.end(), word) != title.end();
+        });
+        if (holds && !found) found = &topic;
+    }
+    return found;
+}
+
 const ReferenceEntry* Find(std::string_view name) {
-    const std::vector<ReferenceEntry>& entries = Entries();
+    const std::vector<ReferenceEntry>& entries = AllEntries();
     for (const ReferenceEntry& entry : entries)
         if (entry.name == name) return &entry;
     // "Hash" for "Cryptography.Hash", when only one namespace has it.
@@ -69,7 +128,9 @@ std::vector<std::string> Ordered(Engine& engine, const std::string& space) {
 
 std::string Listing(Engine& engine) {
     constexpr size_t kColumn = 36, kLine = 100;
-    std::string text = "Namespaces and routines; Ombrix.help(\"Namespace.Name\") prints one entry.\n";
+    std::string text =
+        "Namespaces and routines; Ombrix.help(\"Namespace.Name\") prints one entry, "
+        "Ombrix.help(\"Title\") a section.\n";
     std::vector<std::string> spaces = engine.Namespaces();
     // Namespaces the reference describes first.
     std::stable_partition(spaces.begin(), spaces.end(), [](const std::string& space) {
@@ -93,6 +154,17 @@ std::string Listing(Engine& engine) {
                 types += (types.empty() ? "" : ", ") + entry.name;
         if (!types.empty()) text += "  types: " + types + "\n";
     }
+    // The command's own functions, by their table.
+    std::string space;
+    for (const ReferenceEntry& entry : LuaApiEntries()) {
+        const std::string entrySpace = entry.name.substr(0, entry.name.find('.'));
+        if (entrySpace != space) text += "\n" + (space = entrySpace) + "\n";
+        std::string line = "  " + entry.name.substr(entry.name.find('.') + 1);
+        line.resize(std::max(line.size() + 2, kColumn), ' ');
+        text += line + FirstSentence(entry.summary, kLine - line.size()) + "\n";
+    }
+    text += "\nSections\n";
+    for (const ReferenceTopic& topic : Topics()) text += "  " + topic.title + "\n";
     return text;
 }
 
@@ -118,11 +190,14 @@ int Help(lua_State* L) {
                 text = Listing(engine);
             } else if (const ReferenceEntry* entry = Find(name)) {
                 text = entry->text;
+            } else if (const ReferenceTopic* topic = FindTopic(name)) {
+                text = topic->text;
             } else {
                 text = Declarations(engine, name);
                 if (text.empty())
                     std::snprintf(failure, sizeof failure,
-                                  "Ombrix.help: no entry for '%s'; Ombrix.help() lists the routines", name);
+                                  "Ombrix.help: no entry for '%s'; Ombrix.help() lists the routines and sections",
+                                  name);
             }
             std::fwrite(text.data(), 1, text.size(), stdout);
             std::fflush(stdout);

@@ -16,7 +16,4 @@ namespace OmbrixTool {
 // Lua state's use of them (close the state first).
 void OpenEngine(lua_State* L, Ombrix::Host::Engine& engine, const std::string& executable);
 
-// The message of an argument status: "invalid parameter 2 in function 'Cryptography.Hash'".
-std::string StatusMessage(uint32_t status, const std::string& routine);
-
 }  // namespace OmbrixTool

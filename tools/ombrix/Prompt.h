@@ -21,7 +21,4 @@ bool WantsPrompt(bool interactive, bool hasChunk);
 // messageHandler decorates errors (traceback) as for scripts.
 int RunPrompt(lua_State* L, lua_CFunction messageHandler, const std::string& banner);
 
-// How the prompt shows the value at index (left on the stack unchanged).
-std::string ShowValue(lua_State* L, int index);
-
 }  // namespace OmbrixTool

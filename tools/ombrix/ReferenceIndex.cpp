@@ -77,6 +77,31 @@ std::vector<ReferenceEntry> ParseReference(std::string_view markdown) {
     return entries;
 }
 
+std::vector<ReferenceTopic> ParseTopics(std::string_view markdown) {
+    std::vector<ReferenceTopic> topics;
+    bool fenced = false;
+    ReferenceTopic* open = nullptr;  // the topic whose text is being collected
+    for (const std::string_view line : Lines(markdown)) {
+        if (StartsWith(line, "```")) fenced = !fenced;
+        if (!fenced && IsHeading(line) && !StartsWith(line, "```")) {
+            open = nullptr;
+            if (StartsWith(line, "## ")) {
+                topics.push_back({std::string(Trim(line.substr(3))), ""});
+                open = &topics.back();
+            }
+        }
+        if (open) (open->text += line) += '\n';
+    }
+    // A topic ends with its last non-blank line; one that is only its heading is none.
+    std::vector<ReferenceTopic> said;
+    for (ReferenceTopic& topic : topics) {
+        while (topic.text.size() > 1 && topic.text.back() == '\n' && topic.text[topic.text.size() - 2] == '\n')
+            topic.text.pop_back();
+        if (topic.text.find('\n') + 1 < topic.text.size()) said.push_back(std::move(topic));
+    }
+    return said;
+}
+
 std::vector<std::string> DefinitionDeclarations(std::string_view definition) {
     // " FUNCTION ... (...) : entry FUNCTION ... : entry TYPE X : factory"
     std::vector<std::string> declarations;

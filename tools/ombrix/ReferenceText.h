@@ -1,4 +1,5 @@
-// docs/reference.md as bytes, generated at build time (EmbedText.cmake).
+// docs/reference.md and docs/ombrix-lua.md as bytes, generated at build time
+// (EmbedText.cmake).
 #pragma once
 
 #include <cstddef>
@@ -7,5 +8,7 @@ namespace OmbrixTool {
 
 extern const char kReferenceText[];
 extern const std::size_t kReferenceTextSize;
+extern const char kLuaApiText[];
+extern const std::size_t kLuaApiTextSize;
 
 }  // namespace OmbrixTool

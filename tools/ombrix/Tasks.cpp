@@ -7,6 +7,8 @@
 #include <new>
 #include <unordered_map>
 
+#include "Interrupt.h"
+
 namespace OmbrixTool {
 
 using Ombrix::Host::CallHandle;
@@ -81,7 +83,11 @@ void Resume(lua_State* L, Scheduler& scheduler, lua_Integer id) {
     task->started = true;
     task->state = Task::State::Running;
     int results = 0;
-    const int status = lua_resume(thread, L, arguments, &results);
+    int status = LUA_OK;
+    {
+        const RunningThread running(thread);  // Ctrl-C at the prompt reaches the task
+        status = lua_resume(thread, L, arguments, &results);
+    }
     task = &scheduler.tasks.at(id);  // the map may have grown meanwhile
     if (status == LUA_YIELD) {
         lua_pop(thread, results);
