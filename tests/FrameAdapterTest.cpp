@@ -74,20 +74,6 @@ TEST(Adapter, StringArgumentsAreWipedAfterTheCall) {
     }
 }
 
-// PBKDF2's 32-bit length takes the low 32 bits of the truncation; -0.5 is zero, not negative.
-TEST_F(FrameTest, NumbersAreTruncatedTowardZero) {
-    const std::tuple<bool, double, size_t> cases[] = {
-        {false, 2.9, 2}, {false, -0.5, 0}, {true, 4294967297.0, 1}, {true, -4294967295.0, 1}, {true, 4294967296.5, 0}};
-    for (const auto& [pbkdf2, length, size] : cases) {
-        const auto outcome = pbkdf2 ? Call("Cryptography.PKCS5PBKDF2HMAC", {Dat("p"), Dat("s"), Num(1.7), Str("SHA1"), Num(length)})
-                                    : Call("Cryptography.CreateRandomBytes", {Num(length)});
-        EXPECT_TRUE(outcome.ok()) << length;
-        EXPECT_EQ(ResultBytes(outcome).size(), size) << length;
-    }
-    ExpectError(Call("Cryptography.CreateRandomBytes", {Num(-3.9)}), "Error.Ombrix.InvalidArgument",
-                "Negative length parameter!");
-}
-
 TEST_F(FrameTest, WholeStringsAndSurplusArgumentsIgnored) {
     const auto outcome = CallEntry("ombrix_module_Hash", {Str("SHA256"), Str(std::string("a\0b\0\0c", 6)), Num(1), nullptr, Dat("x")});
     EXPECT_TRUE(outcome.ok());

@@ -92,7 +92,8 @@ TEST_F(MacTest, WycheproofPbkdf2HmacSha256) {
 
 // The length is truncated toward zero, to its low 32 bits; none or a negative one derives nothing.
 TEST_F(MacTest, Pbkdf2LengthsAndAbsentBuffers) {
-    for (const auto& [length, size] : {std::pair{0.0, 0u}, {-5.0, 0u}, {16.9, 16u}, {4294967297.0, 1u}}) {
+    for (const auto& [length, size] : {std::pair{0.0, 0u}, {-5.0, 0u}, {16.9, 16u}, {4294967297.0, 1u},
+                                       {-4294967295.0, 1u}, {4294967296.5, 0u}}) {
         const auto outcome = Pbkdf2("password", "salt", 1, "SHA256", length);
         EXPECT_TRUE(outcome.ok() && outcome.result->IsAssigned() && ResultBytes(outcome).size() == size) << length;
     }
