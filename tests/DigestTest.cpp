@@ -1,9 +1,7 @@
 // Cryptography.Hash over strings and buffers, and Cryptography.HashFile.
 #include <fcntl.h>
 #include <openssl/evp.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -21,13 +19,6 @@ std::string Expected(const std::string& digest, const std::string& bytes) {
     unsigned int length = 0;
     EXPECT_EQ(EVP_Digest(bytes.data(), bytes.size(), out, &length, EVP_get_digestbyname(digest.c_str()), nullptr), 1);
     return Hex(std::string(reinterpret_cast<char*>(out), length));
-}
-
-// Bytes that differ from position to position, so a misplaced chunk shows.
-std::string Pattern(size_t size) {
-    std::string bytes(size, '\0');
-    for (size_t i = 0; i < size; ++i) bytes[i] = static_cast<char>((i * 131 + i / 251) & 0xff);
-    return bytes;
 }
 
 class DigestTest : public ModuleTest {};
@@ -68,29 +59,19 @@ TEST_F(DigestTest, FailuresReportAndReturnEmpty) {
     for (const auto& c : cases) ExpectEmptyResult(c.message, CallEntry(c.routine, c.args), c.message);
 }
 
-// A scratch folder holding a FIFO without a writer and a listening-free
-// Unix socket, removed afterwards.
+// A scratch folder holding a FIFO without a writer, removed afterwards.
 struct SpecialFiles {
     SpecialFiles() {
         EXPECT_NE(::mkdtemp(folder.data()), nullptr);
         fifo = folder + "/fifo";
-        socket = folder + "/socket";
         EXPECT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
-        socketFd = ::socket(AF_UNIX, SOCK_STREAM, 0);
-        sockaddr_un address{};
-        address.sun_family = AF_UNIX;
-        std::strncpy(address.sun_path, socket.c_str(), sizeof address.sun_path - 1);
-        EXPECT_EQ(::bind(socketFd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
     }
     ~SpecialFiles() {
-        ::close(socketFd);
         ::unlink(fifo.c_str());
-        ::unlink(socket.c_str());
         ::rmdir(folder.c_str());
     }
     std::string folder = "/tmp/ombrix-special-XXXXXX";
-    std::string fifo, socket;
-    int socketFd = -1;
+    std::string fifo;
 };
 
 // Only regular files and character devices are read. Anything else is
@@ -101,7 +82,6 @@ TEST_F(DigestTest, NonFilesAreNotOpenedAndNeverBlock) {
     const struct { std::string path; std::string message; } cases[] = {
         {special.folder, "File \"" + special.folder + "\" can't be opened!"},
         {special.fifo, "File \"" + special.fifo + "\" can't be opened!"},
-        {special.socket, "File \"" + special.socket + "\" can't be opened!"},
         {"/tmp/", "File \"/tmp/\" can't be opened!"},
         {"/dev/null", opened},  // a character device: read to its end
     };

@@ -1,6 +1,7 @@
 // Host-assigned type numbers and unloading: the module asks the host for every
 // type code it uses, and an unloaded module comes back with fresh state.
 #include <dlfcn.h>
+#include <openssl/opensslv.h>
 
 #include "CertSupport.h"
 #include "Ombrix/TypeCodes.h"
@@ -58,7 +59,9 @@ std::vector<std::string> Round(Engine& engine) {
 // loaded module: seeing it says the registration counter started at zero.
 bool FreshRegistration(Engine& engine) {
     for (const auto& line : engine.Log().Lines())
-        if (line.category == "Cryptography" && line.message.rfind("Using OpenSSL", 0) == 0) return true;
+        if (line.category == "Cryptography" && line.level == 10 && !line.error &&
+            line.message == "Using " OPENSSL_VERSION_TEXT)
+            return true;
     return false;
 }
 

@@ -1,8 +1,7 @@
-// Registration: the start-up log line, counting and the FIPS decision. FIPS cases run in child
+// Registration: counting and the FIPS decision (the start-up log line is ModuleReloadTest's). FIPS cases run in child
 // processes (it is process-wide) against a build whose switch file is CRYPTOGRAPHY_TEST_FIPS_FILE.
 #include <fcntl.h>
 #include <openssl/evp.h>
-#include <openssl/opensslv.h>
 #include <sys/file.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -15,16 +14,6 @@
 
 namespace Testing {
 namespace {
-
-TEST(Registration, LogsTheOpenSSLVersionAndWorksWithoutInitialisingIt) {
-    Engine engine(Engine::Options{{{"Cryptography.InitializeOpenSSL", "false"}}});
-    engine.Load(CRYPTOGRAPHY_MODULE_PATH);
-    const auto lines = engine.Log().Lines();
-    ASSERT_EQ(lines.size(), 1u);
-    EXPECT_EQ(lines[0].category + (lines[0].error ? " error " : " ") + std::to_string(lines[0].level) + ": " + lines[0].message,
-              "Cryptography 10: Using " OPENSSL_VERSION_TEXT);
-    EXPECT_TRUE(engine.Call("Cryptography.Hash", {Str("SHA1"), Str("abc")}).ok());
-}
 
 // FIPSMode (0 or 1), plus 2 if FIPSSelfTestFailed says true.
 int FipsState(Engine& engine) {

@@ -9,12 +9,6 @@
 namespace Testing {
 namespace {
 
-std::string Pattern(size_t size, unsigned seed) {
-    std::string bytes(size, '\0');
-    for (size_t i = 0; i < size; ++i) bytes[i] = static_cast<char>((i * 131 + i / 7 + seed) & 0xff);
-    return bytes;
-}
-
 std::string RawHmac(const char* digest, const std::string& key, const std::string& data) {
     unsigned char out[EVP_MAX_MD_SIZE];
     unsigned int length = 0;

@@ -95,19 +95,6 @@ TEST_F(Symmetric, FailuresAreReportedWithTheirTexts) {
               HexResult(CallEntry("ombrix_module_BytesToKey", derive("aes-128-cbc", "sha256", 1))));
 }
 
-// A buffer with contiguous bytes is used in place (no Read call); file-backed
-// buffers are StreamingTest's.
-TEST_F(Symmetric, DataRefInputs) {
-    std::string plain(1u << 20, '\0');
-    for (size_t i = 0; i < plain.size(); ++i) plain[i] = static_cast<char>(i * 7);
-    const std::string key(16, 'k'), iv(16, 'i'), ct = ResultBytes(Run("Encrypt", Str(plain), "AES-128-CBC", key, &iv));
-    ASSERT_EQ(ct.size(), plain.size() + 16);
-    AutoRefPtr<CountingData> plainInPlace(new CountingData(plain)), ctInPlace(new CountingData(ct));
-    EXPECT_TRUE(ResultBytes(Run("EncryptDataRef", Dat(plainInPlace), "AES-128-CBC", key, &iv)) == ct);
-    EXPECT_TRUE(ResultBytes(Run("DataRefDecrypt", Dat(ctInPlace), "AES-128-CBC", key, &iv)) == plain);
-    EXPECT_EQ(plainInPlace->Reads() + ctInPlace->Reads(), 0u);
-}
-
 // The key and IV, in hex, that `openssl enc -P` prints for the password "secret".
 std::string OpenSSLEncKeyAndIv(const std::string& cipher, const std::string& digest, const std::string& saltHex) {
     const std::string command = "openssl enc -" + cipher + " -md " + digest + " -pass pass:secret -P " +

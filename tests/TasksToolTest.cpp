@@ -1,5 +1,5 @@
-// Tasks in the ombrix command and the cert_expiry example: scripts run by the
-// built tool against TLS servers on 127.0.0.1.
+// Tasks in the ombrix command: scripts run by the built tool against TLS
+// servers on 127.0.0.1.
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -155,33 +155,6 @@ TEST(TasksTool, UnjoinedTasksRunToTheEndAndTheirFailuresCount) {
         const ToolRun run = RunScript(c.script, {});
         EXPECT_EQ(run.status, c.status);
         EXPECT_EQ(run.output, c.output);
-    }
-}
-
-TEST(TasksTool, CertExpiryReportsByUrgency) {
-    auto server = Server("server", 0), alpha = Server("alpha", 0);
-    int closedPort = 0;
-    ListenTcp(&closedPort);  // closed again at once
-    const std::string example = std::string("'") + PROJECT_SOURCE_DIR + "/examples/cert_expiry.lua'";
-    const std::string good = " 127.0.0.1:" + std::to_string(server->port()) + " localhost:" + std::to_string(alpha->port());
-    const std::string closed = " 127.0.0.1:" + std::to_string(closedPort);
-    const struct { std::string arguments; int status; std::vector<std::string> inOrder; } cases[] = {
-        {good, 0, {"ok       127.0.0.1:", "subject commonName=localhost", "ok       localhost:", "0 of 2 servers"}},
-        {good + closed, 1, {"FAIL     127.0.0.1:" + std::to_string(closedPort) + ": no certificate", "ok", "1 of 3"}},
-        {good + " --days 100000", 1, {"EXPIRING", "EXPIRING", "2 of 2 servers need attention (threshold 100000 days)"}},
-        {"", 2, {"usage: cert_expiry.lua"}},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.arguments);
-        const ToolRun run = RunTool(example + c.arguments);
-        EXPECT_EQ(run.status, c.status) << run.output;
-        EXPECT_EQ(run.output.find("1969"), std::string::npos) << "no date from an empty certificate";
-        size_t at = 0;
-        for (const std::string& part : c.inOrder) {
-            at = run.output.find(part, at);
-            ASSERT_NE(at, std::string::npos) << part << " in\n" << run.output;
-            at += part.size();
-        }
     }
 }
 

@@ -1,9 +1,6 @@
 -- The ombrix command itself: exit statuses and where error messages go.
 local check = dofile(arg[0]:match("^(.*/)") .. "lib/check.lua")
 
-local errFile = os.tmpname()
-local function quote(word) return "'" .. word:gsub("'", [['\'']]) .. "'" end
-
 check.each({
   {name = "success", words = {"-e", "print('hi')"}, code = 0, out = "hi\n", err = ""},
   {name = "error object", words = {"-e", "JSON.FromString('{')"}, code = 1,
@@ -15,17 +12,9 @@ check.each({
   {name = "missing module", words = {"-m", "/nonexistent/lib.so", "-e", ""}, code = 2, err = "cannot load module"},
   {name = "missing script", words = {"/nonexistent/script.lua"}, code = 1, err = "cannot open"},
 }, function(case)
-  local command = quote(Ombrix.executable)
-  for _, w in ipairs(case.words) do command = command .. " " .. quote(w) end
-  local pipe = assert(io.popen(command .. " 2>" .. quote(errFile), "r"))
-  local out = pipe:read("a")
-  local _, _, code = pipe:close()
-  local handle = assert(io.open(errFile, "rb"))
-  local err = handle:read("a")
-  handle:close()
+  local code, out, err = check.run(table.unpack(case.words))
   check.equal(code, case.code, "exit code (stderr: " .. err .. ")")
   check.equal(out, case.out or "", "stdout")
   check.truthy(err:find(case.err, 1, true) and (case.err ~= "" or err == ""), "stderr holds " .. case.err .. ", got " .. err)
 end)
-os.remove(errFile)
 print("command: ok")

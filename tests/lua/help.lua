@@ -3,17 +3,7 @@
 local check = dofile(arg[0]:match("^(.*/)") .. "lib/check.lua")
 local referencePath = arg[0]:match("^(.*/)") .. "../../docs/reference.md"
 
-local errFile = os.tmpname()
-local function quote(word) return "'" .. word:gsub("'", [['\'']]) .. "'" end
-local function run(code)
-  local pipe = assert(io.popen(quote(Ombrix.executable) .. " -e " .. quote(code) .. " 2>" .. quote(errFile), "r"))
-  local out = pipe:read("a")
-  local _, _, status = pipe:close()
-  local handle = assert(io.open(errFile, "rb"))
-  local err = handle:read("a")
-  handle:close()
-  return status, out, err
-end
+local function run(code) return check.run("-e", code) end
 local function count(text, part)
   local n, from = 0, 1
   while true do
@@ -80,5 +70,4 @@ for _, name in ipairs(names) do
   check.truthy(listing:find("\n  " .. name .. " ", 1, true) or listing:find("\n  " .. name .. "\n", 1, true),
                "the listing names " .. name)
 end
-os.remove(errFile)
 print(("help: ok (%d routines)"):format(#names))
