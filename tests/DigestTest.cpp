@@ -23,15 +23,6 @@ std::string Expected(const std::string& digest, const std::string& bytes) {
 
 class DigestTest : public ModuleTest {};
 
-TEST_F(DigestTest, StringAndBufferDigestsMatchOpenSSL) {
-    const std::pair<const char*, std::string> cases[] = {
-        {"SHA256", "abc"}, {"SHA256", ""}, {"sha1", "fox"}, {"SHA3-256", "abc"}, {"SHA256", std::string("a\0b", 3)}};
-    for (const auto& [digest, text] : cases) {
-        EXPECT_EQ(HexResult(Call("Cryptography.Hash", {Str(digest), Str(text)})), Expected(digest, text)) << digest;
-        EXPECT_EQ(HexResult(Call("Cryptography.Hash", {Str(digest), Dat(text)})), Expected(digest, text)) << digest;
-    }
-}
-
 // A buffer without contiguous bytes is read in 100000-byte chunks, a file in 8192-byte ones.
 TEST_F(DigestTest, LargeInputsAreReadInChunks) {
     const std::pair<size_t, uint64_t> cases[] = {{0, 1}, {8192, 1}, {8193, 1}, {100000, 1}, {100001, 2}, {250000, 3}};

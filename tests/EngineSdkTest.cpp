@@ -77,41 +77,7 @@ TEST(DataBuffer, WrittenInPlaceThenTruncatedOrReplaced) {
     }
 }
 
-// A lent string reads, compares, copies and saves like an owned one, and an
-// assignment or copy owns its bytes, so nothing refers to the lent bytes after.
-TEST(HostValues, LentStringsBehaveAsOwnedOnes) {
-    std::string lent = "lent text";
-    const auto borrowed = Ombrix::Host::Variant::LentString(lent.c_str(), lent.size());
-    const auto owned = Ombrix::Host::Variant::String("lent text");
-    EXPECT_EQ(std::string(borrowed->GetString(), borrowed->GetStringSize()), "lent text");
-    EXPECT_TRUE(borrowed->IsEqual(owned.get()));
-    EXPECT_TRUE(owned->IsEqual(borrowed.get()));
-    const AutoRefPtr<Ombrix::IVariant> clone = borrowed->Clone();
-    const auto assigned = Ombrix::Host::Variant::String("");
-    assigned->Assign(borrowed.get());
-    const std::string saved = borrowed->Serialize(nullptr)->ToJSONText();
-    lent.assign("XXXX XXXX");
-    EXPECT_EQ(std::string(clone->GetString(), clone->GetStringSize()), "lent text");
-    EXPECT_EQ(std::string(assigned->GetString(), assigned->GetStringSize()), "lent text");
-    EXPECT_EQ(saved, "\"lent text\"");
-    borrowed->AssignString("own", 3);
-    EXPECT_EQ(std::string(borrowed->GetString(), borrowed->GetStringSize()), "own");
-}
-
 using EngineTest = ModuleTest;
-
-TEST_F(EngineTest, TypeCodes) {
-    const uint32_t vectorOfX509 = (engine_.FindType("Cryptography.X509") & ~3u) | 2u;
-    const std::pair<const char*, uint32_t> cases[] = {
-        {"BOOLEAN", 1}, {"NUMBER", 5}, {"STRING", 9}, {"DATAREF", 13}, {"JSON", 21}, {"VECTOR<STRING>", 10},
-        {"VECTOR<DATAREF>", 14}, {"VECTOR<Cryptography.X509>", vectorOfX509}, {"Unknown.Type", 0}, {"VECTOR<Unknown.Type>", 0}};
-    for (const auto& [name, code] : cases) EXPECT_EQ(engine_.FindType(name), code) << name;
-    const uint32_t key = engine_.FindType("Cryptography.Key"), x509 = engine_.FindType("Cryptography.X509"),
-                   ssl = engine_.FindType("Cryptography.SSL");
-    EXPECT_TRUE(key != x509 && x509 != ssl && ssl != key);
-    for (uint32_t code : {key, x509, ssl}) EXPECT_TRUE(code > 21 && (code & 3u) == 1u) << code;
-    EXPECT_EQ(engine_.TypeName(vectorOfX509), "VECTOR<Cryptography.X509>");
-}
 
 // The host's JSON module, which the module imports its JSON building from.
 TEST_F(EngineTest, JsonModuleRoutines) {

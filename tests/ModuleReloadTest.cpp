@@ -65,11 +65,9 @@ bool FreshRegistration(Engine& engine) {
     return false;
 }
 
-// Load, register, call, deregister, unload: every cycle works, the library is
-// gone after each, and nothing cached in one cycle (type ids, registration
-// count) is seen by the next, which numbers its types differently. Custom type
-// codes are the host's to hand out: JSON values the module makes use the
-// host's code, whatever it is.
+// Load, register, call, deregister, unload: the library is gone after each
+// cycle, and nothing cached (type ids, registration count) reaches the next,
+// which numbers its types differently; the module uses the host's codes.
 TEST(ModuleReload, HundredCyclesStartFresh) {
     ASSERT_FALSE(ModuleMapped());
     std::vector<std::string> reference;

@@ -73,35 +73,5 @@ TEST_F(ReferenceTest, EveryEntryHasSummaryErrorsAndExample) {
     }
 }
 
-TEST(ReferenceIndex, ReadsEntriesAndRefusesMalformedOnes) {
-    const std::string good =
-        "# T\n\n## Family\n\n### A.B\n\n```text\nFUNCTION STRING A.B (STRING)\nFUNCTION STRING A.B ()\n```\n\n"
-        "Does b\nwell. More.\n\n- **Errors:** none.\n\n```lua\n# not a heading\n```\n\n## Next\n\ntext\n";
-    const std::vector<ReferenceEntry> entries = ParseReference(good);
-    ASSERT_EQ(entries.size(), 1u);
-    EXPECT_EQ(entries[0].name, "A.B");
-    EXPECT_EQ(entries[0].declarations, (std::vector<std::string>{"FUNCTION STRING A.B (STRING)", "FUNCTION STRING A.B ()"}));
-    EXPECT_EQ(entries[0].summary, "Does b well. More.");
-    EXPECT_EQ(entries[0].text.substr(0, 8), "### A.B\n");
-    EXPECT_NE(entries[0].text.find("# not a heading"), std::string::npos);
-    EXPECT_EQ(entries[0].text.find("## Next"), std::string::npos);
-
-    for (const char* bad : {"### A.B\n\nno block\n### C.D\n", "### A.B\n\n```lua\nx\n```\n", "### Heading words\n",
-                            "### A.B\n\n```text\nFUNCTION STRING A.B ()\n", "### A.B\n\n```text\n```\n"}) {
-        SCOPED_TRACE(bad);
-        EXPECT_THROW(ParseReference(bad), std::runtime_error);
-    }
-}
-
-TEST(ReferenceIndex, SplitsDefinitionText) {
-    EXPECT_EQ(DefinitionDeclarations(" FUNCTION NUMBER X.F() : e_F PROCEDURE X.P (STRING,NUMBER) : e_P TYPE X.T : e_T"),
-              (std::vector<std::string>{"FUNCTION NUMBER X.F()", "PROCEDURE X.P (STRING,NUMBER)", "TYPE X.T"}));
-    EXPECT_EQ(DeclaredName("FUNCTION VECTOR<X.T> X.F (STRING)"), "X.F");
-    EXPECT_EQ(DeclaredName("FUNCTION NUMBER X.F()"), "X.F");
-    EXPECT_EQ(DeclaredName("PROCEDURE X.P (X.T)"), "X.P");
-    EXPECT_EQ(DeclaredName("TYPE X.T"), "X.T");
-    EXPECT_EQ(DeclaredName("VARIABLE X.V"), "");
-}
-
 }  // namespace
 }  // namespace Testing

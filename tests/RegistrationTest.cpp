@@ -1,5 +1,5 @@
-// Registration: counting and the FIPS decision (the start-up log line is ModuleReloadTest's). FIPS cases run in child
-// processes (it is process-wide) against a build whose switch file is CRYPTOGRAPHY_TEST_FIPS_FILE.
+// Registration counting and the FIPS decision, in child processes (FIPS mode is
+// process-wide) against a build whose switch file is CRYPTOGRAPHY_TEST_FIPS_FILE.
 #include <fcntl.h>
 #include <openssl/evp.h>
 #include <sys/file.h>

@@ -1,6 +1,5 @@
-// Routines over a buffer without contiguous bytes (a file read in 100000-byte
-// chunks) give exactly what they give over the same bytes held contiguously,
-// and HMAC gives exactly what OpenSSL's HMAC() gives.
+// Routines over file-backed buffers (read in 100000-byte chunks) give what they
+// give over contiguous bytes; HMAC gives what OpenSSL's HMAC() gives.
 #include <openssl/evp.h>
 #include <openssl/hmac.h>
 

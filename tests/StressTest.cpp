@@ -1,8 +1,6 @@
-// Eight host threads make their first calls of every routine family at the
-// same moment (a barrier releases them together) on a freshly loaded module,
-// sharing one read-only key and certificate. Every result must equal what the
-// same call gives on one thread afterwards. Run under ThreadSanitizer too,
-// where a race in a first-use cache or a shared value is reported.
+// Eight threads released by a barrier make the first calls of every routine
+// family on a fresh module, sharing a read-only key and certificate; each
+// result must equal the same call's alone. ThreadSanitizer runs it too.
 #include <atomic>
 #include <barrier>
 #include <functional>

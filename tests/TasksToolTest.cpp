@@ -54,10 +54,7 @@ ToolRun RunScript(const std::string& script, const std::vector<int>& ports) {
 std::unique_ptr<TlsServer> Server(const std::string& cert, int delayMs, std::function<void(SSL*, int)> session = {}) {
     // A fetch drops its connection mid-handshake; the server's next write must fail, not end the test.
     std::signal(SIGPIPE, SIG_IGN);
-    ServerOptions options;
-    options.cert = cert;
-    options.beforeHandshake = [delayMs] { std::this_thread::sleep_for(std::chrono::milliseconds(delayMs)); };
-    return std::make_unique<TlsServer>(options, session ? session : [](SSL*, int) {});
+    return std::make_unique<TlsServer>(Delayed(cert, delayMs), session ? session : [](SSL*, int) {});
 }
 
 const char kFetch[] = R"lua(

@@ -214,9 +214,8 @@ TEST_F(TlsTest, NonBlockingHandshakeAndWriteCompleteOnRetry) {
 namespace Testing {
 namespace {
 
-// Sessions configured with the default CA locations share one store, which
-// must follow the default CA file: each change of the file named by
-// SSL_CERT_FILE (content, replacement, removal) is seen by the next session.
+// Sessions with the default CA locations share one store, which follows each
+// change of the file SSL_CERT_FILE names (content, replacement, removal).
 TEST_F(TlsTest, DefaultCAStoreFollowsTheCAFile) {
     TlsServer server(ServerOptions{}, [](SSL* ssl, int) { SSL_write(ssl, "hi", 2); });
     TempDir dir;

@@ -11,6 +11,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <functional>
 #include <map>
 #include <memory>
@@ -62,9 +63,16 @@ struct ServerOptions {
     std::function<void()> beforeHandshake;            // runs on the server thread after accept
 };
 
+// A server that waits before it answers each handshake.
+inline ServerOptions Delayed(const std::string& cert, int milliseconds) {
+    ServerOptions options;
+    options.cert = cert;
+    options.beforeHandshake = [milliseconds] { std::this_thread::sleep_for(std::chrono::milliseconds(milliseconds)); };
+    return options;
+}
+
 // Serves TLS one connection at a time, handing each handshaken connection to
-// the session function on the server thread. Destruction stops the thread and
-// closes every socket.
+// the session function on the server thread; destruction stops it.
 class TlsServer {
 public:
     TlsServer(ServerOptions options, std::function<void(SSL* ssl, int fd)> session) : options_(std::move(options)), session_(std::move(session)) {
