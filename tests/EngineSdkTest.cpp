@@ -11,17 +11,6 @@ namespace {
 
 using Ombrix::Data;
 
-TEST(DataBuffer, ReadHonoursOffsetAndSize) {
-    const AutoRefPtr<Data> data = Data::Make("0123456789abcde");
-    struct { uint64_t size, offset; const char* bytes; } cases[] = {
-        {100, 10, "abcde"}, {4, 0, "0123"}, {1, 14, "e"}, {1, 15, ""}, {5, 16, ""}, {0, 3, ""}, {100, 0, "0123456789abcde"}};
-    for (const auto& c : cases) {
-        std::string out(64, '\0');
-        out.resize(data->Read(out.data(), c.size, c.offset));
-        EXPECT_EQ(out, c.bytes) << c.size << " bytes at " << c.offset;
-    }
-}
-
 // Against a buffer without contiguous bytes the comparison goes in 8192-byte
 // chunks; a difference anywhere, the last byte of a chunk included, counts.
 TEST(DataBuffer, IsEqualAcrossChunkBoundaries) {
@@ -47,11 +36,7 @@ TEST(DataBuffer, IsEqualAcrossChunkBoundaries) {
 // any later assignment replaces it whole; small buffers live in the object,
 // larger ones on the heap.
 TEST(DataBuffer, WrittenInPlaceThenTruncatedOrReplaced) {
-    struct Case {
-        const char* what;
-        uint64_t keep;
-        const char* assigned;  // null: nothing assigned afterwards
-    } cases[] = {
+    struct Case { const char* what; uint64_t keep; const char* assigned; /* null: none afterwards */ } cases[] = {
         {"kept whole", ~0ull, nullptr},
         {"truncated", 4, nullptr},
         {"truncated to nothing", 0, nullptr},

@@ -38,15 +38,6 @@ TEST_F(FrameTest, ArgumentStatuses) {
     }
 }
 
-// A null result pointer: the routine still runs (its error report shows it).
-TEST_F(FrameTest, NullResultPointer) {
-    const auto& hash = *engine_.FindEntry("ombrix_module_Hash");
-    EXPECT_EQ(engine_.CallDeclaration(hash, {Str("NoSuchDigest"), Str("x")}, false).errors.size(), 1u);
-    EXPECT_TRUE(engine_.CallDeclaration(hash, {Str("SHA256"), Str("x")}, false).ok());
-    for (const char* entry : {"ombrix_module_GetFIPSMode", "ombrix_module_FIPSSelfTestFailed"})
-        EXPECT_TRUE(engine_.CallDeclaration(*engine_.FindEntry(entry), {}, false).ok()) << entry;
-}
-
 // Records what each wiped buffer held after the wipe.
 std::vector<std::string> wiped;
 struct RecordingWipe {

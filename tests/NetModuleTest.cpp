@@ -70,9 +70,6 @@ TEST(Net, Failures) {
         {"Net.Close", {Num(-5)}, invalid, "Invalid socket -5"},
     };
     Engine engine;
-    // The BOOLEAN parameter takes only a BOOLEAN.
-    EXPECT_EQ(engine.Call("Net.SetBlocking", {Num(0), Num(1)}).status, 0x20002u);
-    EXPECT_EQ(engine.Call("Net.SetBlocking", {Num(0)}).status, 0x20001u);
     for (const auto& c : cases) {
         const CallOutcome outcome = engine.Call(c.routine, c.args);
         ASSERT_TRUE(outcome.status == 0 && outcome.errors.size() == 1) << c.message;

@@ -60,18 +60,5 @@ TEST_F(ReferenceTest, EveryDeclarationHasAnEntryWithItsExactText) {
     EXPECT_TRUE(problems.empty()) << ::testing::PrintToString(problems);
 }
 
-// What a reader needs is there: each entry has a summary, its result or
-// parameters, the errors it reports and an example.
-TEST_F(ReferenceTest, EveryEntryHasSummaryErrorsAndExample) {
-    for (const ReferenceEntry& entry : ParseReference(Reference())) {
-        SCOPED_TRACE(entry.name);
-        EXPECT_FALSE(entry.summary.empty());
-        EXPECT_NE(entry.text.find("```lua\n"), std::string::npos) << "no Lua example";
-        const bool type = entry.declarations.front().rfind("TYPE ", 0) == 0;
-        const char* required = type ? "**Saved as:**" : "**Errors:**";
-        EXPECT_NE(entry.text.find(required), std::string::npos) << "no " << required << " line";
-    }
-}
-
 }  // namespace
 }  // namespace Testing

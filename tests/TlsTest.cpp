@@ -118,16 +118,6 @@ TEST_F(TlsTest, HandshakeVerifiesAsConfigured) {
     ::unsetenv("SSL_CERT_DIR");
 }
 
-TEST_F(TlsTest, FailuresWithoutHandshake) {
-    Session session = NewSession({{"Verify", false}});
-    Shutdown(session);  // nothing to shut down yet
-    EXPECT_EQ(State(session), -1);
-    EXPECT_NE(Error(session), "");
-    EXPECT_FALSE(Connect(session, -1));
-    EXPECT_EQ(State(session), -1);
-    EXPECT_TRUE(Error(session).starts_with("Failed to set SSL FD"));
-}
-
 TEST_F(TlsTest, EndOfStreamShutdownAndStates) {
     // state: after the read that meets the end (and returns 0), and after Shutdown
     const struct { bool closeNotify; double state; std::string message; } cases[] = {

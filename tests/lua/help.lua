@@ -37,8 +37,6 @@ check.each({
    err = "Ombrix.help: no entry for 'Cryptography.NoSuchRoutine'; Ombrix.help() lists the routines"},
   {name = "ambiguous or foreign short name", code = 'Ombrix.help("Set")', status = 1, out = "",
    err = "Ombrix.help: no entry for 'Set'"},
-  {name = "caught like any error", code = 'print(pcall(Ombrix.help, "X.Y"))',
-   has = {"false\tOmbrix.help: no entry for 'X.Y'"}},
 }, function(case)
   local status, out, err = run(case.code)
   check.equal(status, case.status or 0, "exit status (stderr: " .. err .. ")")
