@@ -1,5 +1,4 @@
-// Certificate building: a CA and a leaf it signs, checked by openssl verify,
-// and the steps whose effect is easy to get wrong.
+// Certificate building: a CA and a leaf it signs (openssl verify), and the tricky steps.
 #include <ctime>
 
 #include "CertSupport.h"

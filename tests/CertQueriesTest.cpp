@@ -1,5 +1,4 @@
-// Certificate inspection: the JSON description, digest and public key against
-// openssl's own printing, times, purposes, the issuer and key tests.
+// Certificate inspection against openssl's own printing: description, digest, key, times, purposes, issuer.
 #include <algorithm>
 #include <regex>
 #include <sstream>

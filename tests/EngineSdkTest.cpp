@@ -32,9 +32,7 @@ TEST(DataBuffer, IsEqualAcrossChunkBoundaries) {
     std::remove(path);
 }
 
-// A buffer written in place keeps what was written up to the truncation, and
-// any later assignment replaces it whole; small buffers live in the object,
-// larger ones on the heap.
+// In-place writes, inline and on the heap: kept up to the truncation, replaced whole by an assignment.
 TEST(DataBuffer, WrittenInPlaceThenTruncatedOrReplaced) {
     struct Case { const char* what; uint64_t keep; const char* assigned; /* null: none afterwards */ } cases[] = {
         {"kept whole", ~0ull, nullptr},

@@ -129,6 +129,15 @@ TEST_F(EventLoopTest, ParkedCallsKeepTheirOwnState) {
     EXPECT_EQ(engine_->ParkedCalls(), 12u);
     calls.emplace_back(engine_->Start("Cryptography.X509FetchFromServer", {Str("localhost"), Num(named.port())}), "alpha.pem");
     calls.emplace_back(StartFetch(closedPort), "");
+    // An IPv6 literal in brackets, and port 0 for 443 (where this process may listen).
+    std::vector<std::unique_ptr<TlsServer>> more;
+    for (const auto& [host, port, asked] : {std::tuple{"::1", 0, "[::1]"}, {"127.0.0.1", 443, "127.0.0.1"}}) {
+        ServerOptions options = Delayed("self", 0);
+        options.host = host;
+        options.port = port;
+        try { more.push_back(std::make_unique<TlsServer>(options, [](SSL*, int) {})); } catch (const std::runtime_error&) { continue; }
+        calls.emplace_back(engine_->Start("Cryptography.X509FetchFromServer", {Str(asked), Num(port ? 0 : more.back()->port())}), "self.pem");
+    }
     engine_->RunUntilIdle();
     EXPECT_LT(SecondsSince(start), 1.5) << "twelve handshakes of 0.18 to 0.4 s run at once";
     for (const auto& [call, cert] : calls) {

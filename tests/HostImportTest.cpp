@@ -1,5 +1,5 @@
-// Calls into the host's JSON module (lookup, the cache keyed by policy identity, refusals
-// and failures), seen through Cryptography.PEMToJson with the module absent or fake.
+// Imported JSON routines (lookup, cache by policy identity, refusals, failures), seen
+// through Cryptography.PEMToJson with the host's JSON module absent or fake.
 #include <atomic>
 
 #include "CertSupport.h"

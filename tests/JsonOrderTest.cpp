@@ -1,5 +1,4 @@
-// JSON values keep their members in the order they were first set: parsing,
-// JSON.Set, writing, saving and restoring, and the certificate description.
+// JSON members keep the order they were first set in, through every door.
 #include <nlohmann/json.hpp>
 
 #include "CertSupport.h"

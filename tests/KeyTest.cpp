@@ -1,5 +1,4 @@
-// Keys: import and export against the openssl command's files, encrypted PEM,
-// properties, generation, public keys from modulus and exponent, the JSON form.
+// Keys against the openssl command's files: import, export, properties, generation, saved form.
 #include <nlohmann/json.hpp>
 
 #include "KeysSupport.h"

@@ -1,5 +1,4 @@
-// Cryptography.HMAC and Cryptography.PKCS5PBKDF2HMAC against RFC 4231, RFC
-// 6070 and Wycheproof vectors, and their error reports.
+// HMAC and PBKDF2 against RFC 4231, RFC 6070 and Wycheproof vectors, and their reports.
 #include "VectorSupport.h"
 
 namespace Testing {

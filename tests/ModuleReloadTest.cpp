@@ -1,5 +1,4 @@
-// Host-assigned type numbers and unloading: the module asks the host for every
-// type code it uses, and an unloaded module comes back with fresh state.
+// Host-assigned type numbers, and unloading: a reloaded module starts afresh.
 #include <dlfcn.h>
 #include <openssl/opensslv.h>
 

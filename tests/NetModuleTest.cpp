@@ -1,39 +1,24 @@
 // The host's Net module: connect over IPv4 and IPv6, waits, blocking mode, close and errors.
-#include <arpa/inet.h>
 #include <fcntl.h>
-#include <netdb.h>
 #include <unistd.h>
 
 #include <chrono>
 
 #include "Harness.h"
+#include "TlsSupport.h"
 
 namespace Testing {
 namespace {
 
-// A loopback listener on a kernel-chosen port; port 0 when it cannot listen.
-struct Listener {
-    int fd = -1, port = 0;
-    explicit Listener(const char* host) {
-        addrinfo* found = nullptr;
-        if (::getaddrinfo(host, "0", nullptr, &found) != 0) return;
-        socklen_t length = found->ai_addrlen;
-        fd = ::socket(found->ai_family, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        if (fd >= 0 && !::bind(fd, found->ai_addr, length) && !::listen(fd, 4) && !::getsockname(fd, found->ai_addr, &length))
-            port = ntohs(reinterpret_cast<sockaddr_in*>(found->ai_addr)->sin_port);  // same place in sockaddr_in6
-        ::freeaddrinfo(found);
-    }
-    ~Listener() { ::close(fd); }
-};
-
 TEST(Net, ConnectsWaitsSwitchesModeAndCloses) {
     for (const char* host : {"127.0.0.1", "::1"}) {
         SCOPED_TRACE(host);
-        Listener server(host);
-        if (!server.port && host[0] == ':') continue;  // no IPv6 loopback here
-        ASSERT_NE(server.port, 0);
+        int port = 0;
+        const Socket server = ListenTcp(&port, host);
+        if (!port && host[0] == ':') continue;  // no IPv6 loopback here
+        ASSERT_NE(port, 0);
         Engine engine;
-        const CallOutcome connect = engine.Call("Net.Connect", {Str(host), Num(server.port)});
+        const CallOutcome connect = engine.Call("Net.Connect", {Str(host), Num(port)});
         ASSERT_TRUE(connect.ok());
         const int socket = static_cast<int>(connect.result->GetNumber());
         const int peer = ::accept4(server.fd, nullptr, nullptr, SOCK_CLOEXEC);
@@ -52,7 +37,8 @@ TEST(Net, ConnectsWaitsSwitchesModeAndCloses) {
 }
 
 TEST(Net, Failures) {
-    const int closedPort = Listener("127.0.0.1").port;
+    int closedPort = 0;
+    ListenTcp(&closedPort);  // closed again at once
     const int closedSocket = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
     ::close(closedSocket);
     const std::string closed = std::to_string(closedSocket), invalid = "Error.Ombrix.InvalidArgument",

@@ -1,5 +1,4 @@
-// Overload choice by the engine: surplus arguments are ignored, so the overload
-// whose parameters match the leading arguments is run, the longest such one.
+// Overload choice: surplus arguments are ignored, the longest leading match runs.
 #include "KeysSupport.h"
 #include "VectorSupport.h"
 

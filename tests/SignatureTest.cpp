@@ -1,5 +1,4 @@
-// Signing and verification against the openssl command, the error texts and
-// their order, Wycheproof RSA PKCS#1 v1.5 SHA-256.
+// Sign and Verify against the openssl command and Wycheproof RSA PKCS#1 v1.5; reports in order.
 #include <nlohmann/json.hpp>
 
 #include "KeysSupport.h"

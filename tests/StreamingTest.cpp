@@ -1,5 +1,4 @@
-// Routines over file-backed buffers (read in 100000-byte chunks) give what they
-// give over contiguous bytes; HMAC gives what OpenSSL's HMAC() gives.
+// File-backed buffers (read in 100000-byte chunks) give the contiguous results; HMAC is HMAC()'s.
 #include <openssl/evp.h>
 #include <openssl/hmac.h>
 

@@ -1,5 +1,4 @@
-// Tasks in the ombrix command: scripts run by the built tool against TLS
-// servers on 127.0.0.1.
+// Tasks in the ombrix command, against TLS servers on 127.0.0.1.
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -7,7 +6,6 @@
 #include <csignal>
 #include <cstdio>
 #include <cstring>
-#include <fstream>
 #include <thread>
 
 #include "Harness.h"
@@ -22,31 +20,20 @@ struct ToolRun {
     double seconds = 0;
 };
 
-ToolRun RunTool(const std::string& arguments) {
+// Runs a Lua script given as text (ombrix -e); the ports follow as arguments.
+ToolRun RunScript(std::string script, const std::vector<int>& ports) {
     ToolRun run;
     const auto start = std::chrono::steady_clock::now();
-    const std::string command = std::string("timeout 60 '") + OMBRIX_TOOL_PATH + "' " + arguments + " 2>&1";
-    if (FILE* pipe = popen(command.c_str(), "r")) {
+    for (size_t at = 0; (at = script.find('\'', at)) != std::string::npos; at += 4) script.replace(at, 1, "'\\''");
+    std::string command = std::string("timeout 60 '") + OMBRIX_TOOL_PATH + "' -e '" + script + "'";
+    for (int port : ports) command += " " + std::to_string(port);
+    if (FILE* pipe = popen((command + " 2>&1").c_str(), "r")) {
         char buffer[4096];
         for (size_t n; (n = fread(buffer, 1, sizeof buffer, pipe)) > 0;) run.output.append(buffer, n);
         const int status = pclose(pipe);
         run.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     }
     run.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-    return run;
-}
-
-// Runs a Lua script given as text; the ports follow as arguments.
-ToolRun RunScript(const std::string& script, const std::vector<int>& ports) {
-    char path[] = "/tmp/ombrix-tasks-XXXXXX";
-    const int fd = mkstemp(path);
-    EXPECT_GE(fd, 0);
-    ::close(fd);
-    std::ofstream(path) << script;
-    std::string arguments = std::string("'") + path + "'";
-    for (int port : ports) arguments += " " + std::to_string(port);
-    ToolRun run = RunTool(arguments);
-    std::remove(path);
     return run;
 }
 

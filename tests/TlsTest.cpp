@@ -119,16 +119,17 @@ TEST_F(TlsTest, HandshakeVerifiesAsConfigured) {
 }
 
 TEST_F(TlsTest, EndOfStreamShutdownAndStates) {
-    // state: after the read that meets the end (and returns 0), and after Shutdown
-    const struct { bool closeNotify; double state; std::string message; } cases[] = {
-        {true, -2, "SSL_read error: "},
-        {false, -1, "SSL_read error: SSL_R_UNEXPECTED_EOF_WHILE_READING"},
+    // state: after the read that meets the end (and returns 0), and after Shutdown; a second read finds
+    // the system error cleared (SSL_ERROR_SYSCALL, errno 0) without close_notify
+    const struct { bool closeNotify; double state, again; std::string message; } cases[] = {
+        {true, -2, 0, "SSL_read error: "},
+        {false, -1, -1, "SSL_read error: SSL_R_UNEXPECTED_EOF_WHILE_READING"},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.message);
         TlsServer server({}, [&c](SSL* ssl, int fd) {
             SSL_write(ssl, "bye", 3);
-            if (c.closeNotify) SSL_shutdown(ssl);
+            if (c.closeNotify) return void(SSL_shutdown(ssl));  // and the connection closes
             ::shutdown(fd, SHUT_WR);
             for (char sink[64]; ::read(fd, sink, sizeof sink) > 0;) {}  // until the client closes
         });
@@ -136,15 +137,24 @@ TEST_F(TlsTest, EndOfStreamShutdownAndStates) {
         Session session = NewSession(kVerifying);
         ASSERT_TRUE(Connect(session, socket.fd)) << Error(session);
         auto received = Bytes("");
+        EXPECT_EQ(Write(session, "x", -1), -1);
         EXPECT_EQ(Read(session, received, 0), 0);
         EXPECT_EQ(Read(session, received, -5), -1);
-        EXPECT_EQ(Read(session, received, 100), 3);
+        EXPECT_EQ(Read(session, received, 1), 1);
+        EXPECT_EQ(Read(session, received, 100), 2);
         EXPECT_EQ(State(session), 1);
         EXPECT_EQ(Read(session, received, 100), 0);
-        EXPECT_EQ(Ombrix::DataBytes(received).view(), "bye") << "a failed read leaves the buffer alone";
+        EXPECT_EQ(Ombrix::DataBytes(received).view(), "ye") << "a failed read leaves the buffer alone";
         EXPECT_EQ(State(session), c.state);
         const std::string message = Error(session);
         EXPECT_TRUE(c.closeNotify ? message == c.message : message.starts_with(c.message)) << message;
+        EXPECT_EQ(Read(session, received, 100), c.again);
+        EXPECT_EQ(Error(session), c.message);
+        if (c.closeNotify) {  // writes to a peer that has gone give 0 once the socket reports it
+            double written = 1;
+            for (int i = 0; i < 50 && written > 0; ++i, ::usleep(10000)) written = Write(session, "x", 1);
+            EXPECT_EQ(written, 0);
+        }
         Shutdown(session);
         EXPECT_EQ(State(session), c.state);
     }

@@ -1,5 +1,4 @@
--- Errors as scripts see them: routine reports as error objects, argument
--- statuses as messages, and names the engine does not know.
+-- Errors as scripts see them: report objects, status messages, unknown names.
 local check = dofile(arg[0]:match("^(.*/)") .. "lib/check.lua")
 check.needs("Cryptography.Hash", "Cryptography.ToPEM")
 

@@ -1,5 +1,4 @@
--- Ombrix.help: prints reference entries (all overloads of a name), lists the
--- namespaces and routines, and refuses unknown names with a Lua error.
+-- Ombrix.help: reference entries (every overload of a name), the listing, unknown names.
 local check = dofile(arg[0]:match("^(.*/)") .. "lib/check.lua")
 local referencePath = arg[0]:match("^(.*/)") .. "../../docs/reference.md"
 

@@ -1,5 +1,4 @@
--- Module routines through ombrix: VECTOR results as Lua arrays, and a module
--- value through its saved form. Usage: routines.lua DATA_DIR
+-- VECTOR results as Lua arrays, a module value's saved form. Usage: routines.lua DATA_DIR
 local check = dofile(arg[0]:match("^(.*/)") .. "lib/check.lua")
 check.needs("Cryptography.EncryptAEADCHACHA20POLY1305", "Cryptography.DecryptAEADCHACHA20POLY1305",
             "Cryptography.X509VectorFromPEM", "Cryptography.GetPurpose")

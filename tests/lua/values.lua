@@ -1,5 +1,4 @@
--- How values cross between Lua and the engine: Data buffers (in memory and
--- file-backed), numbers, and the saved form of values. Usage: values.lua DATA_DIR
+-- Values between Lua and the engine: Data buffers, numbers, saved forms. Usage: values.lua DATA_DIR
 local check = dofile(arg[0]:match("^(.*/)") .. "lib/check.lua")
 local dataDir = assert(arg[1], "usage: values.lua DATA_DIR")
 

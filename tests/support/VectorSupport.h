@@ -1,5 +1,4 @@
-// Helpers for the digest, MAC, random and cipher suites: Wycheproof files,
-// an empty-result check, temporary files.
+// Wycheproof files, an empty-result check, temporary files.
 #pragma once
 
 #include <unistd.h>
