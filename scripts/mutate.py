@@ -39,7 +39,7 @@ SLOW_TESTS = [
     "EventLoopTest.SilentServerIsGivenUpOnAfterOneWait",
 ]
 NOT_GTEST = r"^(lua|example|guide|terminal|cli)\."
-GTEST_TIMEOUT = 600
+GTEST_TIMEOUT = 240
 CTEST_TIMEOUT = 180
 BUILD_TIMEOUT = 3600
 

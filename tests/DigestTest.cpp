@@ -8,6 +8,7 @@
 #include <cstring>
 #include <future>
 
+#include "KeysSupport.h"
 #include "VectorSupport.h"
 
 namespace Testing {
@@ -26,14 +27,14 @@ class DigestTest : public ModuleTest {};
 // A buffer without contiguous bytes is read in 100000-byte chunks, a file in 8192-byte ones.
 TEST_F(DigestTest, LargeInputsAreReadInChunks) {
     const std::pair<size_t, uint64_t> cases[] = {{0, 1}, {8192, 1}, {8193, 1}, {100000, 1}, {100001, 2}, {250000, 3}};
+    const TempDir dir;
     for (const auto& [size, reads] : cases) {
-        const std::string bytes = Pattern(size);
-        const TempFile temp(bytes);
-        auto file = Ombrix::Host::FileData::Open(temp.path);
+        const std::string bytes = Pattern(size), path = dir.Write(std::to_string(size), bytes);
+        auto file = Ombrix::Host::FileData::Open(path);
         ASSERT_TRUE(file && !file->GetData());
         EXPECT_EQ(HexResult(Call("Cryptography.Hash", {Str("SHA256"), Dat(file)})), Expected("SHA256", bytes));
         EXPECT_EQ(file->ReadCalls(), reads) << size;
-        EXPECT_EQ(HexResult(Call("Cryptography.HashFile", {Str("SHA512"), Str(temp.path)})), Expected("SHA512", bytes));
+        EXPECT_EQ(HexResult(Call("Cryptography.HashFile", {Str("SHA512"), Str(path)})), Expected("SHA512", bytes));
     }
     // A file reporting size 0 despite its content (as /proc files do) ends too.
     EXPECT_EQ(HexResult(Call("Cryptography.HashFile", {Str("SHA256"), Str("/proc/self/stat")})).size(), 64u);
@@ -73,7 +74,6 @@ TEST_F(DigestTest, NonFilesAreNotOpenedAndNeverBlock) {
     const struct { std::string path; std::string message; } cases[] = {
         {special.folder, "File \"" + special.folder + "\" can't be opened!"},
         {special.fifo, "File \"" + special.fifo + "\" can't be opened!"},
-        {"/tmp/", "File \"/tmp/\" can't be opened!"},
         {"/dev/null", opened},  // a character device: read to its end
     };
     for (const auto& c : cases) {

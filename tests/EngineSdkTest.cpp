@@ -1,8 +1,5 @@
-// Shared pieces: Data reads and comparisons, type codes and the host's JSON module.
-#include <unistd.h>
-
+// Shared pieces: in-place Data writes and the host's JSON module.
 #include <cstring>
-#include <fstream>
 
 #include "Harness.h"
 
@@ -10,27 +7,6 @@ namespace Testing {
 namespace {
 
 using Ombrix::Data;
-
-// Against a buffer without contiguous bytes the comparison goes in 8192-byte
-// chunks; a difference anywhere, the last byte of a chunk included, counts.
-TEST(DataBuffer, IsEqualAcrossChunkBoundaries) {
-    char path[] = "/tmp/data-equal-XXXXXX";
-    ::close(mkstemp(path));
-    const std::string base(16384, 'x');
-    auto changedAt = [&](size_t at) { return std::string(base).replace(at, 1, "y"); };
-    const std::string others[] = {base, changedAt(8191), changedAt(8192), changedAt(16383), changedAt(0), base.substr(1), ""};
-    const AutoRefPtr<Data> mine = Data::Make(base);
-    for (size_t i = 0; i < std::size(others); ++i) {
-        std::ofstream(path, std::ios::binary | std::ios::trunc) << others[i];
-        AutoRefPtr<Ombrix::Host::FileData> file = Ombrix::Host::FileData::Open(path);
-        ASSERT_TRUE(file);
-        EXPECT_EQ(mine->IsEqual(file.get()), i == 0) << i;
-        EXPECT_EQ(file->IsEqual(mine.get()), i == 0) << i;
-        EXPECT_TRUE(Data::Make(others[i])->IsEqual(file.get())) << i;
-    }
-    EXPECT_FALSE(mine->IsEqual(nullptr));
-    std::remove(path);
-}
 
 // In-place writes, inline and on the heap: kept up to the truncation, replaced whole by an assignment.
 TEST(DataBuffer, WrittenInPlaceThenTruncatedOrReplaced) {

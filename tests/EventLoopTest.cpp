@@ -161,20 +161,6 @@ TEST_F(EventLoopTest, SilentServerIsGivenUpOnAfterOneWait) {
     EXPECT_LT(SecondsSince(start), 8.0) << "one 5 s wait for the handshake, no more";
 }
 
-TEST_F(EventLoopTest, SynchronousCallMovesParkedCallsOn) {
-    MakeEngine();
-    TlsServer first(Delayed("server", 400), [](SSL*, int) {});
-    TlsServer second(Delayed("alpha", 400), [](SSL*, int) {});
-    const auto start = Clock::now();
-    const CallHandle parked = StartFetch(first.port());
-    const CallOutcome direct = engine_->Call("Cryptography.X509FetchFromServer", {Str("127.0.0.1"), Num(second.port())});
-    EXPECT_TRUE(direct.ok());
-    EXPECT_GT(direct.resumptions, 0);
-    engine_->RunUntilIdle();
-    EXPECT_LT(SecondsSince(start), 0.75) << "the parked fetch went on while Call waited";
-    EXPECT_EQ(FetchedPem(parked), ReadFile(TlsFile("server.pem")));
-}
-
 TEST_F(EventLoopTest, ResumptionBoundEndsWithAnEmptyCertificate) {
     for (const int bound : {0, 3, 6}) {
         SCOPED_TRACE(bound);

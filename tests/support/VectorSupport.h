@@ -1,7 +1,5 @@
-// Wycheproof files, an empty-result check, temporary files.
+// Wycheproof files and an empty-result check.
 #pragma once
-
-#include <unistd.h>
 
 #include <array>
 #include <cstdio>
@@ -47,16 +45,5 @@ inline void ExpectEmptyResult(const std::string& row, const CallOutcome& out, co
     EXPECT_TRUE(out.result && out.result->IsAssigned());
     EXPECT_EQ((message.empty() ? HexResult(out) : Hex(ResultBytes(out))) + ResultString(out), "");
 }
-
-// A file holding the given bytes, removed with the object.
-struct TempFile {
-    explicit TempFile(std::string_view bytes) {
-        const int fd = ::mkstemp(path.data());
-        EXPECT_EQ(::write(fd, bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
-        ::close(fd);
-    }
-    ~TempFile() { std::remove(path.c_str()); }
-    std::string path = "/tmp/ombrix-test-XXXXXX";
-};
 
 }  // namespace Testing
