@@ -4,6 +4,7 @@
 # ThreadSanitizer and a short run of every fuzz target.
 set -euo pipefail
 cd "$(dirname "$0")/.."
+scripts/test-ratio.sh
 scripts/setup.sh
 jobs=$(nproc)
 
