@@ -55,8 +55,6 @@ TEST_F(CertBuild, CaAndLeafItSignsPassOpenSSLVerify) {
     const nlohmann::json described = Describe(ca);
     EXPECT_EQ(described["serial"], "01");  // 2^32 + 1 keeps its low 32 bits
     EXPECT_EQ(described["version"], 3);
-    EXPECT_EQ(described["signatureAlgorithm"], "sha256WithRSAEncryption");
-    EXPECT_EQ(described["extension"].size(), 3u);
 }
 
 TEST_F(CertBuild, StepsCreateTheCertificateLazilyAndClonesShareIt) {

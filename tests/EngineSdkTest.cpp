@@ -2,6 +2,7 @@
 #include <cstring>
 
 #include "Harness.h"
+#include "Ombrix/Json.h"
 
 namespace Testing {
 namespace {
@@ -37,6 +38,16 @@ TEST(DataBuffer, WrittenInPlaceThenTruncatedOrReplaced) {
 }
 
 using EngineTest = ModuleTest;
+
+// Host values compare by type and value, JSON values by value; no element past an array's end.
+TEST(HostValues, ComparisonsAndArrayBounds) {
+    EXPECT_TRUE(Variant::Number(2)->IsEqual(Variant::Number(2).get()));
+    EXPECT_FALSE(Variant::Number(2)->IsEqual(Variant::Number(3).get()));
+    const auto one = Ombrix::JSON::JSONWrapper::Make(1), two = Ombrix::JSON::JSONWrapper::Make(2);
+    EXPECT_TRUE(one->LessThan(two.get()) && !two->LessThan(one.get()));
+    const auto array = Ombrix::JSON::JSONWrapper::Make(Ombrix::JSON::Document::array({1}));
+    EXPECT_TRUE(array->GetElement(0) && !array->GetElement(1));
+}
 
 // The host's JSON module, which the module imports its JSON building from.
 TEST_F(EngineTest, JsonModuleRoutines) {

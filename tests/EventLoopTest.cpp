@@ -223,6 +223,18 @@ TEST_F(EventLoopTest, NetWaitParksUntilTheSocketIsReadyOrTheTimeIsUp) {
         EXPECT_GE(SecondsSince(start), c.minSeconds);
         EXPECT_LT(SecondsSince(start), 2.0);
     }
+    // A turn waits only until the nearest deadline; an unconnected socket's hang-up counts as readable.
+    for (char drain[16]; ::recv(near.fd, drain, sizeof drain, MSG_DONTWAIT) > 0;) {}
+    const Socket fresh(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    const auto start = Clock::now();
+    const CallHandle later = engine_->Start("Net.Wait", {Num(near.fd), Str("r"), Num(1500)}),
+                     sooner = engine_->Start("Net.Wait", {Num(near.fd), Str("r"), Num(100)}),
+                     hungUp = engine_->Start("Net.Wait", {Num(fresh.fd), Str("r"), Num(5000)});
+    while (!engine_->Finished(sooner) || !engine_->Finished(hungUp)) engine_->RunOnce(-1);
+    EXPECT_FALSE(engine_->Finished(later));
+    EXPECT_LT(SecondsSince(start), 1.0);
+    EXPECT_TRUE(engine_->TakeOutcome(hungUp).result->GetBoolean());
+    engine_->RunUntilIdle();
 }
 
 }  // namespace

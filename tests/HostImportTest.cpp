@@ -65,8 +65,6 @@ TEST_F(HostImport, MissingRoutinesAndCalleeStatusesAreReported) {
         {0, 0, invalidFunction, missing("JSON.FromString (imported as StringToJson)")},
         {1, 0, invalidFunction, missing("JSON.Set (imported as JSONSetString)")},
         {2, 0, invalidFunction, missing("JSON.Set (imported as JSONSetJson)")},
-        {3, 0, invalidFunction, missing("JSON.Set (imported as JSONSetUInt64)")},
-        {4, 0, invalidFunction, missing("JSON.CreateEmptyArray (imported as JSONCreateEmptyArray)")},
         {5, 0, invalidFunction, missing("JSON.ArrayAppend (imported as JSONArrayAppendJSON)")},
         {6, 0x20002, invalidArgument, "invalid parameter 2 in function 'JSON.Set'"},
         {6, 0x10004, invalidArgument, "invalid object used for parameter 1 in function 'JSON.Set'"},

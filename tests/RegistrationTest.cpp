@@ -39,7 +39,7 @@ TEST(Registration, FipsDecisionAndCounting) {
         {none, "1", {{"Cryptography.EnableFIPSMode", "false"}}, 1},
         {none, none, on, 1},
         {none, none, {}, 0},
-        {"1", none, {{"Cryptography.InitializeOpenSSL", "false"}}, 0},  // wanted, but OpenSSL left alone
+        {"1", none, {{"Cryptography.InitializeOpenSSL", "0"}}, 0},  // wanted, but OpenSSL left alone
     };
     // Other test processes may use the switch file too.
     const int lock = ::open(CRYPTOGRAPHY_TEST_FIPS_FILE ".lock", O_CREAT | O_RDWR | O_CLOEXEC, 0600);

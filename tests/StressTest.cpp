@@ -50,8 +50,6 @@ TEST(Stress, FirstCallsOfEveryFamilyFromEightThreadsAtOnce) {
         call("Cryptography.HMAC", [] { return Args{Str("SHA512"), Str("key"), Str("message")}; }),
         call("Cryptography.PKCS5PBKDF2HMAC", [] { return Args{Dat("password"), Dat("salt"), Num(10), Str("SHA256"), Num(32)}; }),
         [&] { return std::to_string(ResultBytes(engine.Call("Cryptography.CreateRandomBytes", {Num(16)})).size()); },
-        call("Cryptography.Lookup3Hash", [] { return Args{Str("stress")}; }),
-        call("Cryptography.FIPSMode", [] { return Args{}; }),
         call("Cryptography.KeyFromPEM", [] { return Args{Str(ReadFile(DataPath("keys/ec.pem")))}; }),
         call("Cryptography.GenerateECKey", [] { return Args{}; }),
         call("Cryptography.PublicToPEM", [&] { return Args{key}; }),

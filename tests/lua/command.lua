@@ -8,7 +8,10 @@ check.each({
   {name = "argument status", words = {"-e", "JSON.FromString(1)"}, code = 1,
    err = "invalid parameter 1 in function 'JSON.FromString'"},
   {name = "os.exit code", words = {"-e", "os.exit(7)"}, code = 7, err = ""},
+  {name = "os.exit false", words = {"-e", "os.exit(false)"}, code = 1, err = ""},
   {name = "unknown option", words = {"-x"}, code = 2, err = "unknown option -x"},
+  {name = "no key", words = {"-c", "=x"}, code = 2, err = "option -c needs KEY=VALUE, got '=x'"},
+  {name = "-e lines joined", words = {"-e", "x = 1", "-e", "print(x)"}, code = 0, out = "1\n", err = ""},
   {name = "missing module", words = {"-m", "/nonexistent/lib.so", "-e", ""}, code = 2, err = "cannot load module"},
   {name = "missing script", words = {"/nonexistent/script.lua"}, code = 1, err = "cannot open"},
 }, function(case)
