@@ -43,7 +43,6 @@ TEST_F(DigestTest, LargeInputsAreReadInChunks) {
 TEST_F(DigestTest, FailuresReportAndReturnEmpty) {
     const struct { const char* routine; Args args; std::string message; } cases[] = {
         {"ombrix_module_Hash", {Str("NoSuchDigest"), Str("abc")}, "Digest \"NoSuchDigest\" not supported!"},
-        // The digest is checked first: a missing file is not even opened.
         {"ombrix_module_HashFile", {Str("NoSuchDigest"), Str("/no/such")}, "Digest \"NoSuchDigest\" not supported!"},
         {"ombrix_module_HashFile", {Str("SHA256"), Str("/no/such")}, "File \"/no/such\" can't be opened!"},
     };

@@ -35,6 +35,7 @@ end)
 local names = Ombrix.routines("Cryptography")
 check.truthy(#names >= 60, "the module's routines are listed")
 local _, listing = run("Ombrix.help()")
+for line in listing:gmatch("[^\n]+") do check.truthy(#line <= 100, "a listing line fits 100 columns: " .. line) end
 local status, all = run('for _, name in ipairs(Ombrix.routines("Cryptography")) do ' ..
                         'io.write("@@ ", name, "\\n") io.flush() Ombrix.help("Cryptography." .. name) end')
 check.equal(status, 0, "help for every routine")
