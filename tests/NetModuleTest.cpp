@@ -23,7 +23,6 @@ TEST(Net, ConnectsWaitsSwitchesModeAndCloses) {
         const int socket = static_cast<int>(connect.result->GetNumber());
         const int peer = ::accept4(server.fd, nullptr, nullptr, SOCK_CLOEXEC);
         ASSERT_GE(peer, 0);
-        // "rw" is ready when either is: here writable, with nothing to read.
         const CallOutcome both = engine.Call("Net.Wait", {Num(socket), Str("rw"), Num(0)});
         EXPECT_TRUE(both.ok() && both.result->GetBoolean());
         for (bool blocking : {false, true}) {

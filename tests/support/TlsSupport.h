@@ -1,4 +1,4 @@
-// TLS peers on 127.0.0.1 (a libssl server thread, raw sockets) and tests/data/tls.
+// TLS peers on loopback addresses (a libssl server thread, raw sockets) and tests/data/tls.
 #pragma once
 
 #include <arpa/inet.h>
@@ -34,23 +34,23 @@ struct Socket {
     ~Socket() { if (fd >= 0) ::close(fd); }
 };
 
-inline sockaddr_in Loopback(int port) { return {AF_INET, htons(static_cast<uint16_t>(port)), {htonl(INADDR_LOOPBACK)}, {}}; }
-
 inline Socket ConnectTcp(int port) {
     Socket socket(::socket(AF_INET, SOCK_STREAM, 0));
-    const sockaddr_in address = Loopback(port);
+    const sockaddr_in address = {AF_INET, htons(static_cast<uint16_t>(port)), {htonl(INADDR_LOOPBACK)}, {}};
     EXPECT_EQ(::connect(socket.fd, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
     return socket;
 }
 
 // Listens on a loopback address, on a free port or the one wanted (stored in
-// *port), and never accepts; fd -1 on failure.
+// *port; reused however recently closed), and never accepts; fd -1 on failure.
 inline Socket ListenTcp(int* port, const char* host = "127.0.0.1", int wanted = 0) {
     addrinfo* found = nullptr;
     if (::getaddrinfo(host, std::to_string(wanted).c_str(), nullptr, &found) != 0) return Socket();
     Socket socket(::socket(found->ai_family, SOCK_STREAM | SOCK_CLOEXEC, 0));
     socklen_t length = found->ai_addrlen;
-    const bool listening = socket.fd >= 0 && !::bind(socket.fd, found->ai_addr, length) && !::listen(socket.fd, 8) &&
+    const int reuse = 1;
+    const bool listening = socket.fd >= 0 && !::setsockopt(socket.fd, SOL_SOCKET, SO_REUSEADDR, &reuse, sizeof reuse) &&
+                           !::bind(socket.fd, found->ai_addr, length) && !::listen(socket.fd, 8) &&
                            !::getsockname(socket.fd, found->ai_addr, &length);
     if (listening) *port = ntohs(reinterpret_cast<sockaddr_in*>(found->ai_addr)->sin_port);  // same place in sockaddr_in6
     ::freeaddrinfo(found);
