@@ -5,6 +5,7 @@
 # fuzz target.
 set -euo pipefail
 cd "$(dirname "$0")/.."
+scripts/test-ratio.sh
 scripts/setup.sh
 jobs=$(nproc)
 

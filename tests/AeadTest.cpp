@@ -116,9 +116,15 @@ TEST_F(ChaCha, NonceHandling) {
         std::memcpy(data->PrepareForWriting(bytes.size()), bytes.data(), bytes.size());
         return Dat(AutoRefPtr<IDataRef>(std::move(data)));
     };
+    auto cut = [](const std::string& bytes, size_t size) {  // the bytes past the size stay in the buffer
+        AutoRefPtr<Ombrix::Data> data = Ombrix::Data::Make(bytes);
+        data->Truncate(size);
+        return Dat(AutoRefPtr<IDataRef>(std::move(data)));
+    };
     const struct { AutoRefPtr<IVariant> seal, open; std::string effective; } cases[] = {
         {Dat(n16), Dat(n16), n12}, {Dat(n16), Dat(n12), n12}, {Dat(n8), Dat(n8), n8 + zero.substr(0, 4)},
-        {NoData(), NoData(), zero}, {Dat(""), Dat(zero), zero}, {exact(n12), exact(n12), n12}};
+        {NoData(), NoData(), zero}, {Dat(""), Dat(zero), zero}, {exact(n12), exact(n12), n12},
+        {cut(n12, 1), cut(n12, 1), n12.substr(0, 1) + zero.substr(0, 11)}};
     for (const auto& c : cases) {
         const auto parts = Seal(plain, key, c.seal, "");
         ASSERT_EQ(parts.size(), 2u);

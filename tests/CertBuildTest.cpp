@@ -1,5 +1,4 @@
-// Certificate building: a CA and a leaf it signs, checked by openssl verify,
-// and the steps whose effect is easy to get wrong.
+// Certificate building: a CA and a leaf it signs (openssl verify), and the tricky steps.
 #include <ctime>
 
 #include "CertSupport.h"
@@ -51,16 +50,11 @@ TEST_F(CertBuild, CaAndLeafItSignsPassOpenSSLVerify) {
               "subject=O=dotted,OU=y,OU=x,CN=leaf.test\n");
     EXPECT_EQ(Describe(leaf)["extension"].size(), 3u);
     EXPECT_TRUE(Boolean("Cryptography.HasIssued", {ca, leaf}));
-    EXPECT_TRUE(Boolean("Cryptography.HasIssued", {ca, ca}));
-    EXPECT_FALSE(Boolean("Cryptography.HasIssued", {leaf, leaf}));
-    EXPECT_TRUE(Boolean("Cryptography.ValidateKey", {leaf, leafKey}));
     EXPECT_NEAR(Number("Cryptography.GetValidNotAfter", {ca}) - Number("Cryptography.GetValidNotBefore", {ca}), 31536060, 1);
 
     const nlohmann::json described = Describe(ca);
     EXPECT_EQ(described["serial"], "01");  // 2^32 + 1 keeps its low 32 bits
     EXPECT_EQ(described["version"], 3);
-    EXPECT_EQ(described["signatureAlgorithm"], "sha256WithRSAEncryption");
-    EXPECT_EQ(described["extension"].size(), 3u);
 }
 
 TEST_F(CertBuild, StepsCreateTheCertificateLazilyAndClonesShareIt) {

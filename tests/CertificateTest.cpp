@@ -26,22 +26,6 @@ TEST_F(CertificateImport, PemDerAndSavedFormsRoundTrip) {
     EXPECT_FALSE(engine_.Deserialize("Cryptography.X509", R"({"other": 1})"));
 }
 
-TEST_F(CertificateImport, UnreadableInputGivesAnEmptyCertificateWithoutReport) {
-    const std::pair<const char*, Args> cases[] = {
-        {"Cryptography.CreateX509", {}}, {"Cryptography.X509FromPEM", {Str("")}},
-        {"Cryptography.X509FromPEM", {Str(CertFixture("ca.key"))}},
-        {"Cryptography.X509FromPEM", {Str(CertFixture("ca.pem").substr(0, 300))}},
-        {"Cryptography.X509FromDER", {Dat("\x30\x03\x02\x01\x01")}}, {"Cryptography.X509FromDER", {Dat("")}},
-    };
-    for (size_t row = 0; row < std::size(cases); ++row) {
-        SCOPED_TRACE(row);
-        const AutoRefPtr<IVariant> cert = Result(Call(cases[row].first, cases[row].second));
-        EXPECT_FALSE(Boolean("Cryptography.IsValid", {cert}));
-        EXPECT_EQ(ToPEM(cert), "");
-        EXPECT_FALSE(Result(Call("Cryptography.ToDER", {cert}))->GetData());
-    }
-}
-
 TEST_F(CertificateImport, VectorFromPemFollowsTheEndMarkerCuts) {
     const std::string ca = ToDER(CertFile("ca.pem")), server = ToDER(CertFile("server.pem"));
     const std::string client = ToDER(CertFile("client.pem")), labelled = CertFixture("x509_label.pem");

@@ -38,15 +38,6 @@ TEST_F(FrameTest, ArgumentStatuses) {
     }
 }
 
-// A null result pointer: the routine still runs (its error report shows it).
-TEST_F(FrameTest, NullResultPointer) {
-    const auto& hash = *engine_.FindEntry("ombrix_module_Hash");
-    EXPECT_EQ(engine_.CallDeclaration(hash, {Str("NoSuchDigest"), Str("x")}, false).errors.size(), 1u);
-    EXPECT_TRUE(engine_.CallDeclaration(hash, {Str("SHA256"), Str("x")}, false).ok());
-    for (const char* entry : {"ombrix_module_GetFIPSMode", "ombrix_module_FIPSSelfTestFailed"})
-        EXPECT_TRUE(engine_.CallDeclaration(*engine_.FindEntry(entry), {}, false).ok()) << entry;
-}
-
 // Records what each wiped buffer held after the wipe.
 std::vector<std::string> wiped;
 struct RecordingWipe {
@@ -72,20 +63,6 @@ TEST(Adapter, StringArgumentsAreWipedAfterTheCall) {
         for (const std::string& buffer : wiped)
             EXPECT_TRUE(buffer.size() >= 15 && buffer.find_first_not_of('\0') == std::string::npos) << Hex(buffer);
     }
-}
-
-// PBKDF2's 32-bit length takes the low 32 bits of the truncation; -0.5 is zero, not negative.
-TEST_F(FrameTest, NumbersAreTruncatedTowardZero) {
-    const std::tuple<bool, double, size_t> cases[] = {
-        {false, 2.9, 2}, {false, -0.5, 0}, {true, 4294967297.0, 1}, {true, -4294967295.0, 1}, {true, 4294967296.5, 0}};
-    for (const auto& [pbkdf2, length, size] : cases) {
-        const auto outcome = pbkdf2 ? Call("Cryptography.PKCS5PBKDF2HMAC", {Dat("p"), Dat("s"), Num(1.7), Str("SHA1"), Num(length)})
-                                    : Call("Cryptography.CreateRandomBytes", {Num(length)});
-        EXPECT_TRUE(outcome.ok()) << length;
-        EXPECT_EQ(ResultBytes(outcome).size(), size) << length;
-    }
-    ExpectError(Call("Cryptography.CreateRandomBytes", {Num(-3.9)}), "Error.Ombrix.InvalidArgument",
-                "Negative length parameter!");
 }
 
 TEST_F(FrameTest, WholeStringsAndSurplusArgumentsIgnored) {

@@ -1,5 +1,5 @@
-// Calls into the host's JSON module (lookup, the cache keyed by policy identity, refusals
-// and failures), seen through Cryptography.PEMToJson with the module absent or fake.
+// Imported JSON routines (lookup, cache by policy identity, refusals, failures), seen
+// through Cryptography.PEMToJson with the host's JSON module absent or fake.
 #include <atomic>
 
 #include "CertSupport.h"
@@ -65,8 +65,6 @@ TEST_F(HostImport, MissingRoutinesAndCalleeStatusesAreReported) {
         {0, 0, invalidFunction, missing("JSON.FromString (imported as StringToJson)")},
         {1, 0, invalidFunction, missing("JSON.Set (imported as JSONSetString)")},
         {2, 0, invalidFunction, missing("JSON.Set (imported as JSONSetJson)")},
-        {3, 0, invalidFunction, missing("JSON.Set (imported as JSONSetUInt64)")},
-        {4, 0, invalidFunction, missing("JSON.CreateEmptyArray (imported as JSONCreateEmptyArray)")},
         {5, 0, invalidFunction, missing("JSON.ArrayAppend (imported as JSONArrayAppendJSON)")},
         {6, 0x20002, invalidArgument, "invalid parameter 2 in function 'JSON.Set'"},
         {6, 0x10004, invalidArgument, "invalid object used for parameter 1 in function 'JSON.Set'"},

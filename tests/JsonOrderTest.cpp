@@ -1,5 +1,4 @@
-// JSON values keep their members in the order they were first set: parsing,
-// JSON.Set, writing, saving and restoring, and the certificate description.
+// JSON members keep the order they were first set in, through every door.
 #include <nlohmann/json.hpp>
 
 #include "CertSupport.h"
@@ -31,7 +30,6 @@ TEST_F(JsonOrder, HostRoutinesKeepInsertionOrder) {
     const struct { const char* key; AutoRefPtr<IVariant> value; std::string expected; } cases[] = {
         {nullptr, nullptr, start},  // parsed and written as it came
         {"b", Str("x"), R"({"b":"x","a":2,"c":{"z":0,"y":[{"q":1,"p":2}]}})"},  // replaced in place
-        {"a", Num(7), R"({"b":1,"a":7,"c":{"z":0,"y":[{"q":1,"p":2}]}})"},
         {"0", Num(3), R"({"b":1,"a":2,"c":{"z":0,"y":[{"q":1,"p":2}]},"0":3})"},  // a new member goes last
         {"c", nullptr, R"({"b":1,"a":2,"c":{"n":1,"m":2}})"},
     };

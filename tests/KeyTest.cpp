@@ -1,5 +1,4 @@
-// Keys: import and export against the openssl command's files, encrypted PEM,
-// properties, generation, public keys from modulus and exponent, the JSON form.
+// Keys against the openssl command's files: import, export, properties, generation, saved form.
 #include <nlohmann/json.hpp>
 
 #include "KeysSupport.h"
@@ -62,18 +61,6 @@ TEST_F(KeysTest, PemTextAndPasswordRules) {
         ASSERT_TRUE(ObjectOf(outcome)) << c.name;
         EXPECT_EQ(Text("Cryptography.ToPEM", ObjectOf(outcome)), c.pem) << c.name;
         ExpectErrorQueueEmpty();
-    }
-}
-
-TEST_F(KeysTest, EmptyKeyGivesEmptyResultsWithoutReports) {
-    const KeyValue empty = engine_.NewValue("Cryptography.Key");
-    EXPECT_FALSE(IsValid(empty));
-    EXPECT_EQ(Length(empty), 0);
-    for (const char* routine :
-         {"ToPEM", "PublicToPEM", "GetKeyType", "GetExponent", "GetModulus", "EncodePrivateKey", "EncodePublicKey"}) {
-        const CallOutcome outcome = Call(std::string("Cryptography.") + routine, {Obj(empty)});
-        EXPECT_TRUE(outcome.ok()) << routine;
-        EXPECT_EQ(ResultString(outcome) + ResultBytes(outcome), "") << routine;
     }
 }
 

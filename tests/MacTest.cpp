@@ -1,5 +1,4 @@
-// Cryptography.HMAC and Cryptography.PKCS5PBKDF2HMAC against RFC 4231, RFC
-// 6070 and Wycheproof vectors, and their error reports.
+// HMAC and PBKDF2 against RFC 4231, RFC 6070 and Wycheproof vectors, and their reports.
 #include "VectorSupport.h"
 
 namespace Testing {
@@ -92,7 +91,8 @@ TEST_F(MacTest, WycheproofPbkdf2HmacSha256) {
 
 // The length is truncated toward zero, to its low 32 bits; none or a negative one derives nothing.
 TEST_F(MacTest, Pbkdf2LengthsAndAbsentBuffers) {
-    for (const auto& [length, size] : {std::pair{0.0, 0u}, {-5.0, 0u}, {16.9, 16u}, {4294967297.0, 1u}}) {
+    for (const auto& [length, size] : {std::pair{0.0, 0u}, {-5.0, 0u}, {16.9, 16u}, {4294967297.0, 1u},
+                                       {-4294967295.0, 1u}, {4294967296.5, 0u}}) {
         const auto outcome = Pbkdf2("password", "salt", 1, "SHA256", length);
         EXPECT_TRUE(outcome.ok() && outcome.result->IsAssigned() && ResultBytes(outcome).size() == size) << length;
     }
@@ -106,7 +106,6 @@ TEST_F(MacTest, Pbkdf2LengthsAndAbsentBuffers) {
 // Key before digest before length; HMAC refuses extendable-output digests.
 TEST_F(MacTest, Errors) {
     const std::pair<Args, const char*> cases[] = {
-        {{Str("NoSuchDigest"), Str(""), Str("data")}, "Key is empty"},
         {{Str("NoSuchDigest"), Str(""), Dat("data")}, "Key is empty"},
         {{Str("NoSuchDigest"), Str("key"), Dat("data")}, "Digest \"NoSuchDigest\" not supported!"},
         {{Str("SHAKE128"), Str("key"), Str("data")}, "HMAC generation failed!"},

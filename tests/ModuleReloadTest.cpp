@@ -1,6 +1,6 @@
-// Host-assigned type numbers and unloading: the module asks the host for every
-// type code it uses, and an unloaded module comes back with fresh state.
+// Host-assigned type numbers, and unloading: a reloaded module starts afresh.
 #include <dlfcn.h>
+#include <openssl/opensslv.h>
 
 #include "CertSupport.h"
 #include "Ombrix/TypeCodes.h"
@@ -44,7 +44,6 @@ std::vector<std::string> Round(Engine& engine) {
         type(cert, "Cryptography.X509"),
         type(json, "JSON"),
         type(chain, "VECTOR<Cryptography.X509>"),
-        Hex(ResultBytes(engine.Call("Cryptography.Sign", {Str("message"), keyValue, Str("SHA256")}))),
         ResultString(engine.Call("Cryptography.GetDigestFromCert", {Str("SHA256"), certValue})),
         engine.Call("Cryptography.ValidateKey", {certValue, keyValue}).result->GetBoolean() ? "matches" : "differs",
         JsonText(json),
@@ -58,35 +57,24 @@ std::vector<std::string> Round(Engine& engine) {
 // loaded module: seeing it says the registration counter started at zero.
 bool FreshRegistration(Engine& engine) {
     for (const auto& line : engine.Log().Lines())
-        if (line.category == "Cryptography" && line.message.rfind("Using OpenSSL", 0) == 0) return true;
+        if (line.category == "Cryptography" && line.level == 10 && !line.error &&
+            line.message == "Using " OPENSSL_VERSION_TEXT)
+            return true;
     return false;
 }
 
-// Custom type codes are the host's to hand out; JSON values the module makes
-// for the host's JSON routines use the host's code, whatever it is.
-TEST(HostTypeNumbering, ModuleUsesTheCodesTheHostHandsOut) {
-    ASSERT_FALSE(ModuleMapped());
-    std::vector<std::string> reference;
-    for (const uint32_t base : {uint32_t{Ombrix::kBaseFirstCustom}, 9u, 17u, 40u}) {
-        Engine engine(Numbering(base));
-        EXPECT_EQ(engine.FindType("JSON"), Ombrix::MakeTypeCode(base, Ombrix::Container::Single));
-        engine.Load(CRYPTOGRAPHY_MODULE_PATH);
-        const std::vector<std::string> seen = Round(engine);
-        if (reference.empty()) reference = seen;
-        EXPECT_EQ(seen, reference) << "first custom base " << base;
-        EXPECT_EQ(seen.size(), 9u);
-    }
-}
-
-// Load, register, call, deregister, unload: every cycle works, the library is
-// gone after each, and nothing cached in one cycle (type ids, registration
-// count) is seen by the next, which numbers its types differently.
+// Load, register, call, deregister, unload: the library is gone after each
+// cycle, and nothing cached (type ids, registration count) reaches the next,
+// which numbers its types differently; the module uses the host's codes.
 TEST(ModuleReload, HundredCyclesStartFresh) {
     ASSERT_FALSE(ModuleMapped());
     std::vector<std::string> reference;
+    const uint32_t bases[] = {Ombrix::kBaseFirstCustom, 9, 17, 40, Ombrix::kBaseFirstCustom + 1};
     for (uint32_t cycle = 0; cycle < 100; ++cycle) {
         {
-            Engine engine(Numbering(Ombrix::kBaseFirstCustom + cycle % 7));
+            const uint32_t base = bases[cycle % std::size(bases)];
+            Engine engine(Numbering(base));
+            EXPECT_EQ(engine.FindType("JSON"), Ombrix::MakeTypeCode(base, Ombrix::Container::Single));
             engine.Load(CRYPTOGRAPHY_MODULE_PATH);
             ASSERT_TRUE(ModuleMapped());
             EXPECT_TRUE(FreshRegistration(engine)) << "cycle " << cycle;
@@ -96,7 +84,7 @@ TEST(ModuleReload, HundredCyclesStartFresh) {
         }
         ASSERT_FALSE(ModuleMapped()) << "still mapped after cycle " << cycle;
     }
-    EXPECT_EQ(reference.size(), 9u);
+    EXPECT_EQ(reference.size(), 8u);
 }
 
 }  // namespace

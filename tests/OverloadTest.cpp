@@ -66,20 +66,5 @@ TEST_F(OverloadTest, ConversionsCountAgainstAnOverload) {
     }
 }
 
-// The surplus argument changes nothing in the result.
-TEST_F(OverloadTest, SurplusArgumentsLeaveTheResultAlone) {
-    const KeyValue rsa = KeyFromFixture("rsa.pem");
-    const struct { const char* routine; Args plain, surplus; } cases[] = {
-        {"Cryptography.Sign", {Str("a"), Obj(rsa), Str("SHA256")}, {Str("a"), Obj(rsa), Str("SHA256"), Str("extra")}},
-        {"Cryptography.Encrypt", {Str("AES-128-CBC"), Str("x"), Str("k")},
-         {Str("AES-128-CBC"), Str("x"), Str("k"), Dat(""), Num(7)}},
-    };
-    for (const auto& c : cases) {
-        const std::string expected = HexResult(Call(c.routine, c.plain));
-        EXPECT_FALSE(expected.empty());
-        EXPECT_EQ(HexResult(Call(c.routine, c.surplus)), expected) << c.routine;
-    }
-}
-
 }  // namespace
 }  // namespace Testing

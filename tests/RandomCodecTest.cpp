@@ -70,8 +70,6 @@ TEST(Codec, Rfc4648VectorsAndRoundTrips) {
         EXPECT_EQ(Codec::Base64Encode(Bytes(bytes).get()), base64);
         EXPECT_EQ(Codec::Base64URLEncode(Bytes(bytes).get()), base64url);
     }
-    EXPECT_EQ(Codec::Base64Encode(nullptr), "");
-    EXPECT_EQ(Codec::Base64URLEncode(static_cast<const Ombrix::IDataRef*>(nullptr)), "");
     std::string bytes;  // round trips of every length and byte
     for (int i = 0; i < 300; ++i) {
         EXPECT_EQ(Codec::Base64Decode(Codec::Base64Encode(bytes.data(), bytes.size())), bytes) << i;

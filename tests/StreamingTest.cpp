@@ -1,6 +1,4 @@
-// Routines over a buffer without contiguous bytes (a file read in 100000-byte
-// chunks) give exactly what they give over the same bytes held contiguously,
-// and HMAC gives exactly what OpenSSL's HMAC() gives.
+// File-backed buffers (read in 100000-byte chunks) give the contiguous results; HMAC is HMAC()'s.
 #include <openssl/evp.h>
 #include <openssl/hmac.h>
 
@@ -8,12 +6,6 @@
 
 namespace Testing {
 namespace {
-
-std::string Pattern(size_t size, unsigned seed) {
-    std::string bytes(size, '\0');
-    for (size_t i = 0; i < size; ++i) bytes[i] = static_cast<char>((i * 131 + i / 7 + seed) & 0xff);
-    return bytes;
-}
 
 std::string RawHmac(const char* digest, const std::string& key, const std::string& data) {
     unsigned char out[EVP_MAX_MD_SIZE];

@@ -1,9 +1,6 @@
 -- The ombrix command itself: exit statuses and where error messages go.
 local check = dofile(arg[0]:match("^(.*/)") .. "lib/check.lua")
 
-local errFile = os.tmpname()
-local function quote(word) return "'" .. word:gsub("'", [['\'']]) .. "'" end
-
 check.each({
   {name = "success", words = {"-e", "print('hi')"}, code = 0, out = "hi\n", err = ""},
   {name = "error object", words = {"-e", "JSON.FromString('{')"}, code = 1,
@@ -11,21 +8,16 @@ check.each({
   {name = "argument status", words = {"-e", "JSON.FromString(1)"}, code = 1,
    err = "invalid parameter 1 in function 'JSON.FromString'"},
   {name = "os.exit code", words = {"-e", "os.exit(7)"}, code = 7, err = ""},
+  {name = "os.exit false", words = {"-e", "os.exit(false)"}, code = 1, err = ""},
   {name = "unknown option", words = {"-x"}, code = 2, err = "unknown option -x"},
+  {name = "no key", words = {"-c", "=x"}, code = 2, err = "option -c needs KEY=VALUE, got '=x'"},
+  {name = "-e lines joined", words = {"-e", "x = 1", "-e", "print(x)"}, code = 0, out = "1\n", err = ""},
   {name = "missing module", words = {"-m", "/nonexistent/lib.so", "-e", ""}, code = 2, err = "cannot load module"},
   {name = "missing script", words = {"/nonexistent/script.lua"}, code = 1, err = "cannot open"},
 }, function(case)
-  local command = quote(Ombrix.executable)
-  for _, w in ipairs(case.words) do command = command .. " " .. quote(w) end
-  local pipe = assert(io.popen(command .. " 2>" .. quote(errFile), "r"))
-  local out = pipe:read("a")
-  local _, _, code = pipe:close()
-  local handle = assert(io.open(errFile, "rb"))
-  local err = handle:read("a")
-  handle:close()
+  local code, out, err = check.run(table.unpack(case.words))
   check.equal(code, case.code, "exit code (stderr: " .. err .. ")")
   check.equal(out, case.out or "", "stdout")
   check.truthy(err:find(case.err, 1, true) and (case.err ~= "" or err == ""), "stderr holds " .. case.err .. ", got " .. err)
 end)
-os.remove(errFile)
 print("command: ok")

@@ -1,5 +1,4 @@
--- Errors as scripts see them: routine reports as error objects, argument
--- statuses as messages, and names the engine does not know.
+-- Errors as scripts see them: report objects, status messages, unknown names.
 local check = dofile(arg[0]:match("^(.*/)") .. "lib/check.lua")
 check.needs("Cryptography.Hash", "Cryptography.ToPEM")
 
@@ -21,13 +20,8 @@ end)
 
 -- Argument statuses: the first bad argument decides the message.
 check.each({
-  {f = JSON.FromString, args = {n = 1, 42}, message = "invalid parameter 1 in function 'JSON.FromString'"},
-  {f = Cryptography.ToPEM, args = {n = 1, Ombrix.new("Cryptography.SSL")},  -- a module value of another type
-   message = "invalid parameter 1 in function 'Cryptography.ToPEM'"},
   {f = JSON.Set, args = {n = 1, JSON.FromString("{}")}, message = "missing parameter 2 in function 'JSON.Set'"},
-  {f = JSON.Set, args = {n = 2, "x", 5}, message = "invalid parameter 1 in function 'JSON.Set'"},
   {f = JSON.ToString, args = {n = 1, nil}, message = "invalid object used for parameter 1 in function 'JSON.ToString'"},
-  {f = JSON.FromString, args = {n = 1, {}}, message = "cannot pass a table as parameter 1 in function 'JSON.FromString'"},
 }, function(case)
   check.equal(check.raises(function() return case.f(table.unpack(case.args, 1, case.args.n)) end), case.message, "message")
 end)

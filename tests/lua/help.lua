@@ -4,38 +4,12 @@
 local check = dofile(arg[0]:match("^(.*/)") .. "lib/check.lua")
 local referencePath = arg[0]:match("^(.*/)") .. "../../docs/reference.md"
 
-local errFile = os.tmpname()
-local function quote(word) return "'" .. word:gsub("'", [['\'']]) .. "'" end
-local function run(code)
-  local pipe = assert(io.popen(quote(Ombrix.executable) .. " -e " .. quote(code) .. " 2>" .. quote(errFile), "r"))
-  local out = pipe:read("a")
-  local _, _, status = pipe:close()
-  local handle = assert(io.open(errFile, "rb"))
-  local err = handle:read("a")
-  handle:close()
-  return status, out, err
-end
-local function count(text, part)
-  local n, from = 0, 1
-  while true do
-    local at = text:find(part, from, true)
-    if not at then return n end
-    n, from = n + 1, at + #part
-  end
-end
-
+local function run(code) return check.run("-e", code) end
 local file = assert(io.open(referencePath, "rb"))
 local reference = file:read("a")
 file:close()
 
 check.each({
-  {name = "overloads together", code = 'Ombrix.help("Cryptography.Hash")',
-   has = {"### Cryptography.Hash\n", "FUNCTION DATAREF Cryptography.Hash (STRING,STRING)\n",
-          "FUNCTION DATAREF Cryptography.Hash (STRING,DATAREF)\n", "```lua\n"},
-   lacks = {"HashFile", "### Cryptography.HMAC"}},
-  {name = "five Sign declarations", code = 'Ombrix.help("Cryptography.Sign")',
-   has = {"PROCEDURE Cryptography.Sign (Cryptography.X509,Cryptography.Key)\n"},
-   counts = {["Cryptography.Sign ("] = 5}},
   {name = "a type", code = 'Ombrix.help("Cryptography.Key")', has = {"TYPE Cryptography.Key\n", "**Saved as:**"},
    lacks = {"### Cryptography.GenerateRSAKey"}},
   {name = "short name", code = 'Ombrix.help("HashFile")', has = {"### Cryptography.HashFile\n"}},
@@ -55,9 +29,6 @@ check.each({
    err = "Ombrix.help: no entry for 'Cryptography.NoSuchRoutine'; Ombrix.help() lists the routines"},
   {name = "ambiguous or foreign short name", code = 'Ombrix.help("Set")', status = 1, out = "",
    err = "Ombrix.help: no entry for 'Set'"},
-  {name = "not a name", code = "Ombrix.help({})", status = 1, out = "", err = "bad argument #1 to 'help'"},
-  {name = "caught like any error", code = 'print(pcall(Ombrix.help, "X.Y"))',
-   has = {"false\tOmbrix.help: no entry for 'X.Y'"}},
 }, function(case)
   local status, out, err = run(case.code)
   check.equal(status, case.status or 0, "exit status (stderr: " .. err .. ")")
@@ -65,7 +36,6 @@ check.each({
   if case.err then check.truthy(err:find(case.err, 1, true), "stderr holds " .. case.err .. ", got " .. err) end
   for _, part in ipairs(case.has or {}) do check.truthy(out:find(part, 1, true), "output holds " .. part) end
   for _, part in ipairs(case.lacks or {}) do check.truthy(not out:find(part, 1, true), "output lacks " .. part) end
-  for part, n in pairs(case.counts or {}) do check.equal(count(out, part), n, "count of " .. part) end
 end)
 
 -- Every routine of the module has its entry, printed exactly as the
@@ -74,6 +44,7 @@ end)
 local names = Ombrix.routines("Cryptography")
 check.truthy(#names >= 60, "the module's routines are listed")
 local _, listing = run("Ombrix.help()")
+for line in listing:gmatch("[^\n]+") do check.truthy(#line <= 100, "a listing line fits 100 columns: " .. line) end
 local status, all = run('for _, name in ipairs(Ombrix.routines("Cryptography")) do ' ..
                         'io.write("@@ ", name, "\\n") io.flush() Ombrix.help("Cryptography." .. name) end')
 check.equal(status, 0, "help for every routine")

@@ -1,8 +1,6 @@
--- Values that hold memory outside Lua (1 MiB byte buffers, TLS sessions with
--- the default CA locations) made in a loop without any explicit
--- collectgarbage: the collector keeps pace, so the peak resident size stays
--- bounded. Without accounting for that memory each loop alone reaches several
--- hundred MB. Usage: outside_memory.lua DATA_DIR
+-- 1 MiB buffers and TLS sessions made in loops without collectgarbage: the
+-- collector keeps pace with their outside memory, so the peak resident size
+-- stays bounded (several hundred MB otherwise). Usage: outside_memory.lua DATA_DIR
 local check = dofile(arg[0]:match("^(.*/)") .. "lib/check.lua")
 check.needs("Cryptography.CreateSSL", "Cryptography.State", "Cryptography.Hash")
 

@@ -1,17 +1,9 @@
--- Module routines through ombrix: overloads chosen by argument type (STRING,
--- DATAREF, file-backed DATAREF), VECTOR results as Lua arrays, and a module
--- value through its saved form. Usage: routines.lua DATA_DIR
+-- VECTOR results as Lua arrays, a module value's saved form. Usage: routines.lua DATA_DIR
 local check = dofile(arg[0]:match("^(.*/)") .. "lib/check.lua")
-check.needs("Cryptography.Hash", "Cryptography.EncryptAEADCHACHA20POLY1305", "Cryptography.DecryptAEADCHACHA20POLY1305",
+check.needs("Cryptography.EncryptAEADCHACHA20POLY1305", "Cryptography.DecryptAEADCHACHA20POLY1305",
             "Cryptography.X509VectorFromPEM", "Cryptography.GetPurpose")
 local dataDir = assert(arg[1], "usage: routines.lua DATA_DIR")
 local function read(path) local f = assert(io.open(path, "rb")) local text = f:read("a") f:close() return text end
-
-local path, abc = dataDir .. "/module_definition.txt", "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad"
-for _, case in ipairs({{"abc", abc}, {Data("abc"), abc}, {Data.file(path), Cryptography.Hash("SHA256", read(path)):hex()}}) do
-  local digest = Cryptography.Hash("SHA256", case[1])
-  check.equal(tostring(digest) .. " " .. digest:hex(), "Data(32 bytes) " .. case[2], "Hash of " .. tostring(case[1]))
-end
 
 local key, nonce = string.rep("k", 32), Data(string.rep("\0", 12))
 local sealed = Cryptography.EncryptAEADCHACHA20POLY1305("payload", key, nonce, "header")

@@ -1,5 +1,4 @@
-// Helpers of the certificate suites: fixtures made by the openssl command
-// (tests/data/certs/make_certs.sh) and values made through the engine.
+// Certificate helpers: fixtures of tests/data/certs/make_certs.sh, values made through the engine.
 #pragma once
 
 #include <nlohmann/json.hpp>

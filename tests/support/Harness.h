@@ -27,6 +27,12 @@ inline AutoRefPtr<IVariant> Obj(AutoRefPtr<Ombrix::IUserDefinedType> o) { return
 
 std::string Hex(std::string_view bytes);
 std::string Unhex(std::string_view hex);
+// Bytes that differ from position to position, so a misplaced chunk shows.
+inline std::string Pattern(size_t size, unsigned seed = 0) {
+    std::string bytes(size, '\0');
+    for (size_t i = 0; i < size; ++i) bytes[i] = static_cast<char>((i * 131 + i / 7 + seed) & 0xff);
+    return bytes;
+}
 std::string ReadFile(const std::string& path);
 inline std::string DataPath(const std::string& name) { return std::string(TEST_DATA_DIR) + "/" + name; }
 std::string ResultBytes(const CallOutcome& outcome);  // "" without a DATAREF result

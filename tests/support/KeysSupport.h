@@ -1,5 +1,4 @@
-// Helpers of the key, signature and certificate suites: key fixtures made by the
-// openssl command (tests/data/keys/make.sh), a shell runner, a scratch folder.
+// Key helpers: fixtures of tests/data/keys/make.sh, a shell runner, a scratch folder.
 #pragma once
 
 #include <openssl/err.h>

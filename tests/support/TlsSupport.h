@@ -1,9 +1,9 @@
-// Real TLS peers on 127.0.0.1 for the TLS client and certificate fetch tests:
-// a libssl server thread, raw sockets, and the fixtures of tests/data/tls.
+// TLS peers on loopback addresses (a libssl server thread, raw sockets) and tests/data/tls.
 #pragma once
 
 #include <arpa/inet.h>
 #include <fcntl.h>
+#include <netdb.h>
 #include <gtest/gtest.h>
 #include <openssl/err.h>
 #include <openssl/ssl.h>
@@ -11,6 +11,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <functional>
 #include <map>
 #include <memory>
@@ -33,28 +34,32 @@ struct Socket {
     ~Socket() { if (fd >= 0) ::close(fd); }
 };
 
-inline sockaddr_in Loopback(int port) { return {AF_INET, htons(static_cast<uint16_t>(port)), {htonl(INADDR_LOOPBACK)}, {}}; }
-
 inline Socket ConnectTcp(int port) {
     Socket socket(::socket(AF_INET, SOCK_STREAM, 0));
-    const sockaddr_in address = Loopback(port);
+    const sockaddr_in address = {AF_INET, htons(static_cast<uint16_t>(port)), {htonl(INADDR_LOOPBACK)}, {}};
     EXPECT_EQ(::connect(socket.fd, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
     return socket;
 }
 
-// Listens on a free port of 127.0.0.1, stored in *port, and never accepts; fd -1 on failure.
-inline Socket ListenTcp(int* port) {
-    Socket socket(::socket(AF_INET, SOCK_STREAM, 0));
-    sockaddr_in address = Loopback(0);
-    socklen_t length = sizeof address;
-    auto* raw = reinterpret_cast<sockaddr*>(&address);
-    if (::bind(socket.fd, raw, length) != 0 || ::listen(socket.fd, 8) != 0) return Socket();
-    getsockname(socket.fd, raw, &length);
-    *port = ntohs(address.sin_port);
-    return socket;
+// Listens on a loopback address, on a free port or the one wanted (stored in
+// *port; reused however recently closed), and never accepts; fd -1 on failure.
+inline Socket ListenTcp(int* port, const char* host = "127.0.0.1", int wanted = 0) {
+    addrinfo* found = nullptr;
+    if (::getaddrinfo(host, std::to_string(wanted).c_str(), nullptr, &found) != 0) return Socket();
+    Socket socket(::socket(found->ai_family, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    socklen_t length = found->ai_addrlen;
+    const int reuse = 1;
+    const bool listening = socket.fd >= 0 && !::setsockopt(socket.fd, SOL_SOCKET, SO_REUSEADDR, &reuse, sizeof reuse) &&
+                           !::bind(socket.fd, found->ai_addr, length) && !::listen(socket.fd, 8) &&
+                           !::getsockname(socket.fd, found->ai_addr, &length);
+    if (listening) *port = ntohs(reinterpret_cast<sockaddr_in*>(found->ai_addr)->sin_port);  // same place in sockaddr_in6
+    ::freeaddrinfo(found);
+    return listening ? std::move(socket) : Socket();
 }
 
 struct ServerOptions {
+    std::string host = "127.0.0.1";                   // the loopback address listened on
+    int port = 0;                                     // 0: a free one
     std::string cert = "server";                      // base name: server.pem and server.key
     std::map<std::string, std::string> byServerName;  // server name -> certificate base name
     std::string clientCA;                             // when set, a client certificate is required
@@ -62,9 +67,16 @@ struct ServerOptions {
     std::function<void()> beforeHandshake;            // runs on the server thread after accept
 };
 
+// A server that waits before it answers each handshake.
+inline ServerOptions Delayed(const std::string& cert, int milliseconds) {
+    ServerOptions options;
+    options.cert = cert;
+    options.beforeHandshake = [milliseconds] { std::this_thread::sleep_for(std::chrono::milliseconds(milliseconds)); };
+    return options;
+}
+
 // Serves TLS one connection at a time, handing each handshaken connection to
-// the session function on the server thread. Destruction stops the thread and
-// closes every socket.
+// the session function on the server thread; destruction stops it.
 class TlsServer {
 public:
     TlsServer(ServerOptions options, std::function<void(SSL* ssl, int fd)> session) : options_(std::move(options)), session_(std::move(session)) {
@@ -77,7 +89,7 @@ public:
             SSL_CTX_load_verify_locations(context_.get(), options_.clientCA.c_str(), nullptr);
             SSL_CTX_set_verify(context_.get(), SSL_VERIFY_PEER | SSL_VERIFY_FAIL_IF_NO_PEER_CERT, nullptr);
         }
-        listener_ = ListenTcp(&port_);
+        listener_ = ListenTcp(&port_, options_.host.c_str(), options_.port);
         if (listener_.fd < 0) throw std::runtime_error("test server cannot listen");
         if (options_.receiveBuffer > 0)
             setsockopt(listener_.fd, SOL_SOCKET, SO_RCVBUF, &options_.receiveBuffer, sizeof options_.receiveBuffer);

@@ -1,8 +1,5 @@
-// Helpers for the digest, MAC, random and cipher suites: Wycheproof files,
-// an empty-result check, a buffer that counts its reads, temporary files.
+// Wycheproof files and an empty-result check.
 #pragma once
-
-#include <unistd.h>
 
 #include <array>
 #include <cstdio>
@@ -48,33 +45,5 @@ inline void ExpectEmptyResult(const std::string& row, const CallOutcome& out, co
     EXPECT_TRUE(out.result && out.result->IsAssigned());
     EXPECT_EQ((message.empty() ? HexResult(out) : Hex(ResultBytes(out))) + ResultString(out), "");
 }
-
-// Contiguous bytes that count the copies asked for through Read (and give none).
-class CountingData final : public Ombrix::UseCounted<IDataRef> {
-public:
-    explicit CountingData(std::string bytes) : bytes_(std::move(bytes)) {}
-    uint64_t GetSize() const override { return bytes_.size(); }
-    bool Assign(const char*, uint64_t) override { return false; }
-    uint64_t Read(char*, uint64_t, uint64_t) const override { ++reads_; return 0; }
-    bool IsEqual(const IDataRef*) const override { return false; }
-    AutoRefPtr<IDataRef> Clone() const override { return AutoRefPtr<IDataRef>(new CountingData(bytes_)); }
-    const char* GetData() const override { return bytes_.data(); }
-    uint64_t Reads() const { return reads_; }
-
-private:
-    std::string bytes_;
-    mutable uint64_t reads_ = 0;
-};
-
-// A file holding the given bytes, removed with the object.
-struct TempFile {
-    explicit TempFile(std::string_view bytes) {
-        const int fd = ::mkstemp(path.data());
-        EXPECT_EQ(::write(fd, bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
-        ::close(fd);
-    }
-    ~TempFile() { std::remove(path.c_str()); }
-    std::string path = "/tmp/ombrix-test-XXXXXX";
-};
 
 }  // namespace Testing

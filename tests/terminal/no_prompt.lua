@@ -1,7 +1,6 @@
--- Every routine that reads an encrypted key or certificate without a password
--- fails cleanly instead of asking for a pass phrase. Run by no_prompt.py on a
--- pseudo-terminal, where OpenSSL's fallback would prompt and wait; prints
--- "no-prompt: ok" when every case gave its outcome. Usage: no_prompt.lua DATA_DIR
+-- Encrypted keys and certificates read without a password fail cleanly, never
+-- prompting: no_prompt.py runs this on a pseudo-terminal, where OpenSSL's
+-- fallback would wait. Usage: no_prompt.lua DATA_DIR
 local data = assert(arg[1], "usage: no_prompt.lua DATA_DIR") .. "/"
 local function read(path) local f = assert(io.open(path, "rb")) local t = f:read("a") f:close() return t end
 local function temp(text) local path = os.tmpname() local f = assert(io.open(path, "wb")) f:write(text) f:close() return path end

@@ -24,6 +24,22 @@ function check.needs(...)
   end
 end
 
+-- Runs ombrix with the given words; returns its exit status, output and error output.
+function check.run(...)
+  local errFile = os.tmpname()
+  local function quote(word) return "'" .. word:gsub("'", [['\'']]) .. "'" end
+  local command = quote(Ombrix.executable)
+  for _, word in ipairs({...}) do command = command .. " " .. quote(word) end
+  local pipe = assert(io.popen(command .. " 2>" .. quote(errFile), "r"))
+  local out = pipe:read("a")
+  local _, _, status = pipe:close()
+  local handle = assert(io.open(errFile, "rb"))
+  local err = handle:read("a")
+  handle:close()
+  os.remove(errFile)
+  return status, out, err
+end
+
 -- Runs fn(case) for each case; a failure names its case.
 function check.each(cases, fn)
   for i, case in ipairs(cases) do
