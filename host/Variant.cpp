@@ -1,5 +1,6 @@
 #include "Variant.h"
 
+#include "Ombrix/Data.h"
 #include "Ombrix/Json.h"
 
 namespace Ombrix::Host {
@@ -23,6 +24,17 @@ std::string BuiltinTypeName(uint32_t code) {
     }
     return {};
 }
+
+namespace {
+
+// A buffer holding its own copy of another's bytes (null for null).
+AutoRefPtr<IDataRef> CopyOf(const AutoRefPtr<IDataRef>& data) {
+    if (!data) return nullptr;
+    const DataBytes bytes(data);
+    return AutoRefPtr<IDataRef>(Data::Make(std::string(bytes.view())));
+}
+
+}  // namespace
 
 AutoRefPtr<Variant> Variant::Boolean(bool value) {
     AutoRefPtr<Variant> v(new Variant(kTypeBoolean));
@@ -51,6 +63,19 @@ AutoRefPtr<Variant> Variant::DataRef(AutoRefPtr<IDataRef> value) {
     v->AssignData(std::move(value));
     return v;
 }
+AutoRefPtr<Variant> Variant::LentData(AutoRefPtr<IDataRef> view) {
+    AutoRefPtr<Variant> v = DataRef(std::move(view));
+    v->lentData_ = true;
+    return v;
+}
+
+AutoRefPtr<IVariant> Variant::Owning(IVariant* value) {
+    const auto* own = dynamic_cast<const Variant*>(value);
+    if (!own || !own->IsLent()) return AutoRefPtr<IVariant>::Share(value);
+    if (own->lentData_) return AutoRefPtr<IVariant>(DataRef(CopyOf(own->data_)));
+    return AutoRefPtr<IVariant>(String(std::string(own->lent_)));
+}
+
 AutoRefPtr<Variant> Variant::Object(AutoRefPtr<IUserDefinedType> value) {
     AutoRefPtr<Variant> v(new Variant(value ? value->GetType() : 0));
     v->SetUserDefined(std::move(value));
@@ -77,6 +102,7 @@ void Variant::Reset(uint32_t type) {
     number_ = 0;
     string_.clear();
     lent_ = {};
+    lentData_ = false;
     data_ = nullptr;
     stream_ = nullptr;
     object_ = nullptr;
@@ -110,6 +136,8 @@ bool Variant::Assign(const IVariant* other) {
     number_ = other->GetNumber();
     if (const char* text = other->GetString()) string_.assign(text, other->GetStringSize());
     data_ = other->GetData();
+    // A copy never reads lent bytes: it may be kept after the lender's call.
+    if (const auto* own = dynamic_cast<const Variant*>(other); own && own->lentData_) data_ = CopyOf(data_);
     stream_ = other->GetStream();
     object_ = AutoRefPtr<IUserDefinedType>(other->GetUserDefinedPtr());
     vector_ = other->GetVector();

@@ -22,6 +22,15 @@ public:
     // no copy is made.
     static AutoRefPtr<Variant> LentString(const char* text, size_t size);
     static AutoRefPtr<Variant> DataRef(AutoRefPtr<IDataRef> value);
+    // A DATAREF whose buffer reads bytes the caller lends on the same terms
+    // as LentString (a view of a script's string).
+    static AutoRefPtr<Variant> LentData(AutoRefPtr<IDataRef> view);
+    // The value with bytes of its own, for a call that may outlive what its
+    // caller lent: the value itself when nothing in it is lent (any IVariant
+    // other than this class's lent ones), else a new value holding copies
+    // of the lent bytes.
+    static AutoRefPtr<IVariant> Owning(IVariant* value);
+    bool IsLent() const noexcept { return lent_.data() || lentData_; }
     // A custom value; its type code is the object's own.
     static AutoRefPtr<Variant> Object(AutoRefPtr<IUserDefinedType> value);
     // A variable of a custom type that holds no object.
@@ -70,6 +79,7 @@ private:
     double number_ = 0;
     std::string string_;
     std::string_view lent_;  // set for a lent string, which string_ then does not hold
+    bool lentData_ = false;  // data_ reads lent bytes
     AutoRefPtr<IDataRef> data_;
     AutoRefPtr<IStream> stream_;
     AutoRefPtr<IUserDefinedType> object_;

@@ -145,21 +145,34 @@ int CallRoutine(lua_State* L) {
     }
     const bool function = declaration->kind == Declaration::Kind::Function;
     if (InTask(L)) {
-        std::vector<AutoRefPtr<IVariant>> owned(std::make_move_iterator(arguments),
-                                                std::make_move_iterator(arguments + count));
-        const Ombrix::Host::CallHandle call = engine.StartDeclaration(*declaration, std::move(owned), function);
-        if (!engine.Finished(call)) {
+        // A call that parks owns copies of the lent strings: the task's stack
+        // may be closed or overwritten (coroutine.close, debug.setlocal)
+        // before the call runs again.
+        CallOutcome outcome;
+        const Ombrix::Host::CallHandle call = engine.StartBorrowed(*declaration, passed, function, outcome);
+        if (call) {
             ParkTask(L, call);
             return kParked;
         }
-        return PushOutcome(L, std::string_view(name, nameSize), engine.TakeOutcome(call));
+        return PushOutcome(L, std::string_view(name, nameSize), outcome);
     }
     return PushOutcome(L, std::string_view(name, nameSize), engine.CallBorrowed(*declaration, passed, function));
 }
 
+// The continuation of a task whose call parked. Only the scheduler resumes
+// it, once the call has finished; a task resumed by other means (the raw
+// coroutine.resume, reached through the debug library) yields again and
+// goes on waiting.
 int ResumeCall(lua_State* L) {
+    const Ombrix::Host::CallHandle call = ParkedCall(L);
+    if (!call) {
+        lua_pushliteral(L, "the task's parked call is gone");
+        return -1;
+    }
+    Engine& engine = EngineOf(L);
+    if (!engine.Finished(call)) return kParked;
     const std::string name = lua_tostring(L, lua_upvalueindex(2));
-    return PushOutcome(L, name, EngineOf(L).TakeOutcome(TakeParkedCall(L)));
+    return PushOutcome(L, name, engine.TakeOutcome(TakeParkedCall(L)));
 }
 
 // Pushes a routine's result (none for a procedure), or an error value and -1.

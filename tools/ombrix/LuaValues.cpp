@@ -1,7 +1,9 @@
 #include "LuaValues.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cmath>
+#include <cstdint>
 #include <cstring>
 #include <new>
 
@@ -102,7 +104,25 @@ int DataFile(lua_State* L) {
     return 1;
 }
 
+// Room in the buffer for `bytes(size)` characters of the data's current
+// size, and that size. Making room may run a collection step, whose
+// finalizers may change the data; so the size is read again after each
+// reservation, until one made no new room (then no Lua ran). From the
+// returned pointer until luaL_pushresultsize no Lua may run, so the caller
+// reads the bytes only then.
+template <class Length>
+char* ReserveFor(luaL_Buffer& buffer, const IDataRef& data, uint64_t& size, Length length) {
+    for (;;) {
+        size = data.GetSize();
+        const uint64_t wanted = length(size);
+        if (wanted > static_cast<uint64_t>(PTRDIFF_MAX) / 2) luaL_error(buffer.L, "Data: too large for a Lua string");
+        char* room = luaL_prepbuffsize(&buffer, static_cast<size_t>(wanted));
+        if (data.GetSize() == size) return room;
+    }
+}
+
 int DataHex(lua_State* L) {
+    // The userdata at 1 keeps the data alive; only its bytes may change.
     IDataRef* data = CheckData(L, 1);
     if (!data) {
         lua_pushliteral(L, "");
@@ -110,36 +130,44 @@ int DataHex(lua_State* L) {
     }
     luaL_Buffer buffer;
     luaL_buffinit(L, &buffer);
+    uint64_t size = 0;
+    char* out = ReserveFor(buffer, *data, size, [](uint64_t n) { return 2 * n; });
     static constexpr char kDigits[] = "0123456789abcdef";
-    Ombrix::ForEachChunk(data, kReadChunk, [&](const char* bytes, uint64_t size) {
-        for (uint64_t i = 0; i < size; ++i) {
+    uint64_t written = 0;
+    Ombrix::ForEachChunk(data, kReadChunk, [&](const char* bytes, uint64_t count) {
+        count = std::min(count, size - written / 2);
+        for (uint64_t i = 0; i < count; ++i) {
             const auto byte = static_cast<unsigned char>(bytes[i]);
-            luaL_addchar(&buffer, kDigits[byte >> 4]);
-            luaL_addchar(&buffer, kDigits[byte & 15]);
+            out[written++] = kDigits[byte >> 4];
+            out[written++] = kDigits[byte & 15];
         }
-        return true;
+        return written / 2 < size;
     });
-    luaL_pushresult(&buffer);
+    luaL_pushresultsize(&buffer, static_cast<size_t>(written));
     return 1;
 }
 
 int DataBytes(lua_State* L) {
     IDataRef* data = CheckData(L, 1);
-    // Contiguous bytes become the string in one copy (a luaL_Buffer would copy
-    // them twice: into its box, then into the string).
+    // Contiguous bytes become the string in one copy: lua_pushlstring copies
+    // them before it can run a collection step.
     if (const char* direct = data ? data->GetData() : nullptr) {
         lua_pushlstring(L, direct, data->GetSize());
         return 1;
     }
     luaL_Buffer buffer;
     luaL_buffinit(L, &buffer);
+    uint64_t size = 0, written = 0;
+    char* out = data ? ReserveFor(buffer, *data, size, [](uint64_t n) { return n; }) : nullptr;
     if (data) {
-        Ombrix::ForEachChunk(data, kReadChunk, [&](const char* bytes, uint64_t size) {
-            if (size) luaL_addlstring(&buffer, bytes, size);
-            return true;
+        Ombrix::ForEachChunk(data, kReadChunk, [&](const char* bytes, uint64_t count) {
+            count = std::min(count, size - written);
+            std::memcpy(out + written, bytes, count);
+            written += count;
+            return written < size;
         });
     }
-    luaL_pushresult(&buffer);
+    luaL_pushresultsize(&buffer, static_cast<size_t>(written));
     return 1;
 }
 

@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <deque>
+#include <exception>
 #include <map>
 #include <new>
 #include <unordered_map>
@@ -12,6 +13,13 @@ namespace OmbrixTool {
 using Ombrix::Host::CallHandle;
 using Ombrix::Host::Engine;
 
+// Scripts run Lua code in places this file calls: in lua_resume, in any
+// allocation (a collection step runs finalizers), in luaL_tolstring. Such
+// code may spawn, join, drop, close or resume tasks by hand, or collect the
+// handles. So no pointer, reference or iterator into the task table is held
+// across such a call (tasks are named by id and looked up again), a lookup
+// that finds nothing is a Lua error, never an exception, and every C++
+// exception is caught before it can cross a Lua frame.
 namespace {
 
 constexpr char kTaskMeta[] = "Ombrix.Task";
@@ -27,13 +35,17 @@ struct Task {
     bool started = false;
     CallHandle call = 0;      // State::Call: the parked call
     lua_Integer joining = 0;  // State::Join: the task waited for
+    int waiters = 0;          // tasks waiting in Ombrix.join for this one
     bool failed = false;
     int valueRef = LUA_NOREF;  // Done: a table of the results ("n" counts them), or the error value
     bool joined = false;       // someone took the outcome
-    bool dropped = false;      // the handle was collected: forget the task once it is done
+    bool reported = false;     // FinishTasks has reported it
+    bool dropped = false;      // the handle was collected: forget the task once nobody needs it
 };
 
-// Lives in a userdata in the registry; its __gc destroys it.
+// Lives in a userdata in the registry; its __gc destroys it. Finalizers that
+// lua_close runs later still reach Ombrix.spawn and Ombrix.join, which then
+// raise an error.
 struct Scheduler {
     explicit Scheduler(Engine& e) : engine(e) {}
 
@@ -58,31 +70,77 @@ int CollectScheduler(lua_State* L) {
     return 0;
 }
 
+Task* Find(Scheduler& scheduler, lua_Integer id) {
+    auto it = scheduler.tasks.find(id);
+    return it == scheduler.tasks.end() ? nullptr : &it->second;
+}
+
 // The task the running coroutine is, or null.
 Task* Current(lua_State* L, Scheduler& scheduler, lua_Integer* id = nullptr) {
     auto it = scheduler.byThread.find(L);
     if (it == scheduler.byThread.end()) return nullptr;
     if (id) *id = it->second;
-    return &scheduler.tasks.at(it->second);
+    return Find(scheduler, it->second);
 }
 
-void Forget(lua_State* L, Scheduler& scheduler, lua_Integer id) {
+// Forgets a finished task whose handle is gone once nobody can want its
+// outcome: nobody waits for it, and a failure was taken or reported.
+void ForgetIfUnwanted(lua_State* L, Scheduler& scheduler, lua_Integer id) {
     auto it = scheduler.tasks.find(id);
     if (it == scheduler.tasks.end()) return;
-    luaL_unref(L, LUA_REGISTRYINDEX, it->second.valueRef);
+    const Task& task = it->second;
+    if (!task.dropped || task.state != Task::State::Done || task.waiters > 0) return;
+    if (task.failed && !task.joined && !task.reported) return;
+    luaL_unref(L, LUA_REGISTRYINDEX, task.valueRef);
     scheduler.tasks.erase(it);
 }
 
-// Runs the task until it ends, parks or yields.
+// The outcome of a call that nobody will take (its task died meanwhile).
+void DropCall(Engine& engine, CallHandle call) noexcept {
+    try {
+        if (call && engine.Finished(call)) engine.TakeOutcome(call);
+    } catch (...) {
+    }
+}
+
+// Whether lua_resume may run the thread: a task not started yet, or one that
+// yielded. A task resumed by hand (through the raw coroutine.resume) may be
+// running now, or have run to its end.
+bool Resumable(lua_State* thread, bool started) {
+    const int status = lua_status(thread);
+    if (status == LUA_YIELD) return true;
+    lua_Debug frame;
+    return !started && status == LUA_OK && !lua_getstack(thread, 0, &frame) && lua_gettop(thread) > 0;
+}
+
+bool RunningByHand(lua_State* thread) {
+    lua_Debug frame;
+    return lua_status(thread) == LUA_OK && lua_getstack(thread, 0, &frame);
+}
+
+// Runs the task until it ends, parks or yields. May throw std::bad_alloc
+// (the ready queue); never while Lua is on the stack above.
 void Resume(lua_State* L, Scheduler& scheduler, lua_Integer id) {
-    Task* task = &scheduler.tasks.at(id);
+    Task* task = Find(scheduler, id);
+    if (!task) return;
     lua_State* thread = task->thread;
-    const int arguments = task->started ? 0 : lua_gettop(thread) - 1;
-    task->started = true;
-    task->state = Task::State::Running;
+    int status;
     int results = 0;
-    const int status = lua_resume(thread, L, arguments, &results);
-    task = &scheduler.tasks.at(id);  // the map may have grown meanwhile
+    bool dead = false;
+    if (Resumable(thread, task->started)) {
+        const int arguments = task->started ? 0 : lua_gettop(thread) - 1;
+        task->started = true;
+        task->state = Task::State::Running;
+        status = lua_resume(thread, L, arguments, &results);
+        task = Find(scheduler, id);
+        if (!task) return;
+    } else if (RunningByHand(thread)) {
+        task->state = Task::State::Running;  // no longer the scheduler's to run
+        return;
+    } else {
+        dead = true;  // closed, or run to its end by hand
+        status = LUA_ERRRUN;
+    }
     if (status == LUA_YIELD) {
         lua_pop(thread, results);
         // A plain coroutine.yield gives way to the other tasks; a parked call
@@ -93,31 +151,42 @@ void Resume(lua_State* L, Scheduler& scheduler, lua_Integer id) {
         }
         return;
     }
-    if (status == LUA_OK) {
-        luaL_checkstack(thread, 3, "task results");
-        lua_createtable(thread, results, 1);
-        const int table = lua_gettop(thread);
-        for (int i = 1; i <= results; ++i) {
-            lua_pushvalue(thread, table - results - 1 + i);
-            lua_rawseti(thread, table, i);
-        }
-        lua_pushinteger(thread, results);
-        lua_setfield(thread, table, "n");
-    } else {
-        task->failed = true;  // the error value is on top
+    const bool failed = status != LUA_OK;
+    const CallHandle abandoned = task->call;  // set when the task died while its call was parked
+    task->call = 0;
+    // The outcome is built on L, in a protected call: allocating runs Lua.
+    if (failed) results = 1;
+    luaL_checkstack(L, results + 2, "task results");
+    if (dead)
+        lua_pushliteral(L, "cannot resume dead coroutine");
+    else
+        lua_xmove(thread, L, results);
+    if (!failed) {
+        lua_createtable(L, results, 1);
+        lua_insert(L, -results - 1);
+        for (int i = results; i >= 1; --i) lua_rawseti(L, -i - 1, i);
+        lua_pushinteger(L, results);
+        lua_setfield(L, -2, "n");
     }
-    task->valueRef = luaL_ref(thread, LUA_REGISTRYINDEX);
+    task = Find(scheduler, id);
+    if (!task) {
+        lua_pop(L, 1);
+        return;
+    }
+    task->failed = failed;
+    task->valueRef = luaL_ref(L, LUA_REGISTRYINDEX);
     task->state = Task::State::Done;
     scheduler.byThread.erase(thread);
     luaL_unref(L, LUA_REGISTRYINDEX, task->threadRef);
     task->threadRef = LUA_NOREF;
+    DropCall(scheduler.engine, abandoned);
     for (auto& [waiting, other] : scheduler.tasks) {
         if (other.state == Task::State::Join && other.joining == id) {
             other.state = Task::State::Ready;
             scheduler.ready.push_back(waiting);
         }
     }
-    if (task->dropped) Forget(L, scheduler, id);
+    ForgetIfUnwanted(L, scheduler, id);
 }
 
 // Runs tasks, and the engine's loop for their parked calls, until done()
@@ -128,15 +197,15 @@ bool RunUntil(lua_State* L, Scheduler& scheduler, Done done) {
         if (!scheduler.ready.empty()) {
             const lua_Integer id = scheduler.ready.front();
             scheduler.ready.pop_front();
-            auto it = scheduler.tasks.find(id);
-            if (it != scheduler.tasks.end() && it->second.state == Task::State::Ready) Resume(L, scheduler, id);
+            if (const Task* task = Find(scheduler, id); task && task->state == Task::State::Ready)
+                Resume(L, scheduler, id);
             continue;
         }
         bool waiting = false, woke = false;
         for (auto& [id, task] : scheduler.tasks) {
             if (task.state != Task::State::Call) continue;
             waiting = true;
-            if (scheduler.engine.Finished(task.call)) {
+            if (!task.call || scheduler.engine.Finished(task.call)) {
                 task.state = Task::State::Ready;
                 scheduler.ready.push_back(id);
                 woke = true;
@@ -144,16 +213,42 @@ bool RunUntil(lua_State* L, Scheduler& scheduler, Done done) {
         }
         if (woke) continue;
         if (!waiting) return false;
-        scheduler.engine.RunOnce(-1);
+        // A task whose call the engine no longer holds must not make the
+        // loop spin: it runs, and its continuation reports what is missing.
+        if (scheduler.engine.RunOnce(-1) == 0 && scheduler.engine.ParkedCalls() == 0) {
+            for (auto& [id, task] : scheduler.tasks) {
+                if (task.state != Task::State::Call) continue;
+                task.state = Task::State::Ready;
+                scheduler.ready.push_back(id);
+            }
+        }
     }
     return true;
 }
 
+// RunUntil that reports an exception as its text in `failure` (empty when none).
+template <class Done>
+bool RunUntilCaught(lua_State* L, Scheduler& scheduler, Done done, char (&failure)[256]) {
+    failure[0] = '\0';
+    try {
+        return RunUntil(L, scheduler, done);
+    } catch (const std::exception& e) {
+        std::snprintf(failure, sizeof failure, "%s", e.what());
+    } catch (...) {
+        std::snprintf(failure, sizeof failure, "unknown C++ exception");
+    }
+    return false;
+}
+
 // Pushes the results of a finished task, or raises its error.
-int PushOutcome(lua_State* L, Task& task) {
-    task.joined = true;
-    lua_rawgeti(L, LUA_REGISTRYINDEX, task.valueRef);
-    if (task.failed) return lua_error(L);
+int PushOutcome(lua_State* L, Scheduler& scheduler, lua_Integer id) {
+    Task* task = Find(scheduler, id);
+    if (!task || task->state != Task::State::Done) return luaL_error(L, "Ombrix.join: unknown task");
+    task->joined = true;
+    const bool failed = task->failed;
+    lua_rawgeti(L, LUA_REGISTRYINDEX, task->valueRef);
+    ForgetIfUnwanted(L, scheduler, id);
+    if (failed) return lua_error(L);
     const int table = lua_gettop(L);
     lua_getfield(L, table, "n");
     const int count = static_cast<int>(lua_tointeger(L, -1));
@@ -167,49 +262,85 @@ lua_Integer CheckTask(lua_State* L, int index) {
     return *static_cast<lua_Integer*>(luaL_checkudata(L, index, kTaskMeta));
 }
 
+Scheduler& CheckScheduler(lua_State* L, const char* function) {
+    Scheduler* scheduler = SchedulerOf(L);
+    if (!scheduler) luaL_error(L, "%s: tasks have ended (the Lua state is closing)", function);
+    return *scheduler;
+}
+
 int Spawn(lua_State* L) {
     luaL_checktype(L, 1, LUA_TFUNCTION);
-    Scheduler* scheduler = SchedulerOf(L);
+    CheckScheduler(L, "Ombrix.spawn");
     const int count = lua_gettop(L);
     lua_State* thread = lua_newthread(L);
-    const int threadRef = luaL_ref(L, LUA_REGISTRYINDEX);
     luaL_checkstack(thread, count, "too many arguments");
     for (int i = 1; i <= count; ++i) lua_pushvalue(L, i);
     lua_xmove(L, thread, count);
-
-    const lua_Integer id = scheduler->next++;
-    Task& task = scheduler->tasks[id];
-    task.thread = thread;
-    task.threadRef = threadRef;
-    scheduler->byThread[thread] = id;
-    scheduler->ready.push_back(id);
-    *static_cast<lua_Integer*>(lua_newuserdatauv(L, sizeof(lua_Integer), 0)) = id;
+    auto* handle = static_cast<lua_Integer*>(lua_newuserdatauv(L, sizeof(lua_Integer), 0));
+    *handle = 0;
     luaL_setmetatable(L, kTaskMeta);
+    // Making the thread and the handle may have run finalizers; from here
+    // on no Lua runs.
+    Scheduler& scheduler = CheckScheduler(L, "Ombrix.spawn");
+    lua_pushvalue(L, -2);
+    const int threadRef = luaL_ref(L, LUA_REGISTRYINDEX);
+    const lua_Integer id = scheduler.next++;
+    bool registered = false;
+    try {
+        Task& task = scheduler.tasks[id];
+        task.thread = thread;
+        task.threadRef = threadRef;
+        scheduler.byThread[thread] = id;
+        scheduler.ready.push_back(id);
+        registered = true;
+    } catch (...) {
+        scheduler.tasks.erase(id);
+        scheduler.byThread.erase(thread);
+    }
+    if (!registered) {
+        luaL_unref(L, LUA_REGISTRYINDEX, threadRef);
+        return luaL_error(L, "Ombrix.spawn: not enough memory");
+    }
+    *handle = id;
     return 1;
 }
 
-int JoinResumed(lua_State* L, int, lua_KContext id) {
-    return PushOutcome(L, SchedulerOf(L)->tasks.at(static_cast<lua_Integer>(id)));
+int JoinResumed(lua_State* L, int, lua_KContext context) {
+    const auto id = static_cast<lua_Integer>(context);
+    Scheduler& scheduler = CheckScheduler(L, "Ombrix.join");
+    Task* target = Find(scheduler, id);
+    // Resumed by hand before the task finished: go on waiting.
+    if (target && target->state != Task::State::Done) return lua_yieldk(L, 0, context, JoinResumed);
+    if (target) --target->waiters;
+    return PushOutcome(L, scheduler, id);
 }
 
 int Join(lua_State* L) {
     const lua_Integer id = CheckTask(L, 1);
-    Scheduler* scheduler = SchedulerOf(L);
-    auto it = scheduler->tasks.find(id);
-    if (it == scheduler->tasks.end()) return luaL_error(L, "Ombrix.join: unknown task");
-    Task& target = it->second;
+    Scheduler& scheduler = CheckScheduler(L, "Ombrix.join");
+    Task* target = Find(scheduler, id);
+    if (!target) return luaL_error(L, "Ombrix.join: unknown task");
     lua_Integer self = 0;
-    Task* current = Current(L, *scheduler, &self);
+    Task* current = Current(L, scheduler, &self);
     if (current && self == id) return luaL_error(L, "Ombrix.join: a task cannot wait for itself");
-    if (target.state == Task::State::Done) return PushOutcome(L, target);
+    if (target->state == Task::State::Done) return PushOutcome(L, scheduler, id);
     if (current && lua_isyieldable(L)) {
         current->state = Task::State::Join;
         current->joining = id;
+        ++target->waiters;
         return lua_yieldk(L, 0, static_cast<lua_KContext>(id), JoinResumed);
     }
-    if (!RunUntil(L, *scheduler, [&] { return scheduler->tasks.at(id).state == Task::State::Done; }))
-        return luaL_error(L, "Ombrix.join: the task can never finish (tasks wait for each other)");
-    return PushOutcome(L, scheduler->tasks.at(id));
+    char failure[256];
+    const bool finished = RunUntilCaught(
+        L, scheduler,
+        [&] {
+            const Task* task = Find(scheduler, id);
+            return !task || task->state == Task::State::Done;
+        },
+        failure);
+    if (failure[0]) return luaL_error(L, "Ombrix.join: %s", failure);
+    if (!finished) return luaL_error(L, "Ombrix.join: the task can never finish (tasks wait for each other)");
+    return PushOutcome(L, scheduler, id);
 }
 
 int TaskToString(lua_State* L) {
@@ -221,13 +352,26 @@ int CollectTask(lua_State* L) {
     const lua_Integer id = CheckTask(L, 1);
     Scheduler* scheduler = SchedulerOf(L);
     if (!scheduler) return 0;
-    auto it = scheduler->tasks.find(id);
-    if (it == scheduler->tasks.end()) return 0;
-    if (it->second.state == Task::State::Done && it->second.joined)
-        Forget(L, *scheduler, id);
-    else
-        it->second.dropped = true;
+    Task* task = Find(*scheduler, id);
+    if (!task) return 0;
+    task->dropped = true;
+    ForgetIfUnwanted(L, *scheduler, id);
     return 0;
+}
+
+// coroutine.resume, refusing the coroutines of tasks: the scheduler resumes
+// them when what they wait for is there.
+int ResumeByHand(lua_State* L) {
+    if (lua_State* thread = lua_tothread(L, 1)) {
+        Scheduler* scheduler = SchedulerOf(L);
+        if (scheduler && scheduler->byThread.count(thread))
+            return luaL_error(L, "coroutine.resume: task %I is run by Ombrix, not by hand (Ombrix.join waits for it)",
+                              scheduler->byThread.find(thread)->second);
+    }
+    lua_pushvalue(L, lua_upvalueindex(1));
+    lua_insert(L, 1);
+    lua_call(L, lua_gettop(L) - 1, LUA_MULTRET);
+    return lua_gettop(L);
 }
 
 // Ombrix.all({fn1, fn2, ...}): runs each function as a task and returns the
@@ -248,6 +392,50 @@ return function(functions)
 end
 )lua";
 
+// The body of FinishTasks, in a protected call: a failure's __tostring is
+// script code. Reporting runs it, and it may spawn, join or drop tasks; so
+// the tasks are walked by id and the walk starts over while it reports.
+int FinishBody(lua_State* L) {
+    int status = EXIT_SUCCESS;
+    for (bool reported = true; reported;) {
+        reported = false;
+        Scheduler* scheduler = SchedulerOf(L);
+        if (!scheduler) break;
+        char failure[256];
+        RunUntilCaught(
+            L, *scheduler,
+            [&] {
+                for (const auto& [id, task] : scheduler->tasks)
+                    if (task.state != Task::State::Done) return false;
+                return true;
+            },
+            failure);
+        if (failure[0]) return luaL_error(L, "%s", failure);
+        for (lua_Integer id = 0;;) {
+            auto it = scheduler->tasks.upper_bound(id);
+            if (it == scheduler->tasks.end()) break;
+            id = it->first;
+            Task& task = it->second;
+            if (task.reported || (task.state == Task::State::Done && (!task.failed || task.joined))) continue;
+            task.reported = true;
+            status = EXIT_FAILURE;
+            if (task.state != Task::State::Done) {
+                std::fprintf(stderr, "ombrix: task %lld never finished (tasks wait for each other)\n",
+                             static_cast<long long>(id));
+                continue;
+            }
+            reported = true;
+            lua_rawgeti(L, LUA_REGISTRYINDEX, task.valueRef);
+            const char* message = luaL_tolstring(L, -1, nullptr);
+            std::fprintf(stderr, "ombrix: task %lld failed: %s\n", static_cast<long long>(id), message);
+            lua_pop(L, 2);
+            ForgetIfUnwanted(L, *scheduler, id);
+        }
+    }
+    lua_pushinteger(L, status);
+    return 1;
+}
+
 }  // namespace
 
 void OpenTasks(lua_State* L, Engine& engine) {
@@ -264,6 +452,13 @@ void OpenTasks(lua_State* L, Engine& engine) {
     lua_setfield(L, -2, "__tostring");
     lua_pushcfunction(L, CollectTask);
     lua_setfield(L, -2, "__gc");
+    lua_pop(L, 1);
+
+    if (lua_getglobal(L, "coroutine") == LUA_TTABLE) {
+        lua_getfield(L, -1, "resume");
+        lua_pushcclosure(L, ResumeByHand, 1);
+        lua_setfield(L, -2, "resume");
+    }
     lua_pop(L, 1);
 
     lua_getglobal(L, "Ombrix");
@@ -293,14 +488,22 @@ bool InTask(lua_State* L) {
 }
 
 void ParkTask(lua_State* L, CallHandle call) {
-    if (Task* task = Current(L, *SchedulerOf(L))) {
+    Scheduler* scheduler = SchedulerOf(L);
+    if (Task* task = scheduler ? Current(L, *scheduler) : nullptr) {
         task->state = Task::State::Call;
         task->call = call;
     }
 }
 
+CallHandle ParkedCall(lua_State* L) {
+    Scheduler* scheduler = SchedulerOf(L);
+    const Task* task = scheduler ? Current(L, *scheduler) : nullptr;
+    return task ? task->call : 0;
+}
+
 CallHandle TakeParkedCall(lua_State* L) {
-    Task* task = Current(L, *SchedulerOf(L));
+    Scheduler* scheduler = SchedulerOf(L);
+    Task* task = scheduler ? Current(L, *scheduler) : nullptr;
     if (!task) return 0;
     const CallHandle call = task->call;
     task->call = 0;
@@ -308,27 +511,15 @@ CallHandle TakeParkedCall(lua_State* L) {
 }
 
 int FinishTasks(lua_State* L) {
-    Scheduler* scheduler = SchedulerOf(L);
-    if (!scheduler) return EXIT_SUCCESS;
-    RunUntil(L, *scheduler, [&] {
-        for (const auto& [id, task] : scheduler->tasks)
-            if (task.state != Task::State::Done) return false;
-        return true;
-    });
-    int status = EXIT_SUCCESS;
-    for (const auto& [id, task] : scheduler->tasks) {
-        if (task.state != Task::State::Done) {
-            std::fprintf(stderr, "ombrix: task %lld never finished (tasks wait for each other)\n",
-                         static_cast<long long>(id));
-            status = EXIT_FAILURE;
-        } else if (task.failed && !task.joined) {
-            lua_rawgeti(L, LUA_REGISTRYINDEX, task.valueRef);
-            const char* message = luaL_tolstring(L, -1, nullptr);
-            std::fprintf(stderr, "ombrix: task %lld failed: %s\n", static_cast<long long>(id), message);
-            lua_pop(L, 2);
-            status = EXIT_FAILURE;
-        }
+    lua_pushcfunction(L, FinishBody);
+    if (lua_pcall(L, 0, 1, 0) != LUA_OK) {
+        const char* message = lua_tostring(L, -1);
+        std::fprintf(stderr, "ombrix: while finishing the tasks: %s\n", message ? message : "(error object is not a string)");
+        lua_pop(L, 1);
+        return EXIT_FAILURE;
     }
+    const int status = static_cast<int>(lua_tointeger(L, -1));
+    lua_pop(L, 1);
     return status;
 }
 
