@@ -2,261 +2,17 @@
 
 #include <cstdio>
 #include <cstdlib>
-#include <deque>
 #include <exception>
-#include <map>
-#include <new>
-#include <unordered_map>
+
+#include "TaskTable.h"
 
 namespace OmbrixTool {
 
-using Ombrix::Host::CallHandle;
-using Ombrix::Host::Engine;
+using namespace TaskTable;
 
-// Scripts run Lua code in places this file calls: in lua_resume, in any
-// allocation (a collection step runs finalizers), in luaL_tolstring. Such
-// code may spawn, join, drop, close or resume tasks by hand, or collect the
-// handles. So no pointer, reference or iterator into the task table is held
-// across such a call (tasks are named by id and looked up again), a lookup
-// that finds nothing is a Lua error, never an exception, and every C++
-// exception is caught before it can cross a Lua frame.
 namespace {
 
 constexpr char kTaskMeta[] = "Ombrix.Task";
-constexpr char kSchedulerMeta[] = "Ombrix.Scheduler";
-const char kSchedulerKey = 0;  // its address keys the scheduler in the registry
-
-struct Task {
-    enum class State { Ready, Running, Call, Join, Done };
-
-    lua_State* thread = nullptr;
-    int threadRef = LUA_NOREF;
-    State state = State::Ready;
-    bool started = false;
-    CallHandle call = 0;      // State::Call: the parked call
-    lua_Integer joining = 0;  // State::Join: the task waited for
-    int waiters = 0;          // tasks waiting in Ombrix.join for this one
-    bool failed = false;
-    int valueRef = LUA_NOREF;  // Done: a table of the results ("n" counts them), or the error value
-    bool joined = false;       // someone took the outcome
-    bool reported = false;     // FinishTasks has reported it
-    bool dropped = false;      // the handle was collected: forget the task once nobody needs it
-};
-
-// Lives in a userdata in the registry; its __gc destroys it. Finalizers that
-// lua_close runs later still reach Ombrix.spawn and Ombrix.join, which then
-// raise an error.
-struct Scheduler {
-    explicit Scheduler(Engine& e) : engine(e) {}
-
-    Engine& engine;
-    std::map<lua_Integer, Task> tasks;
-    std::deque<lua_Integer> ready;
-    std::unordered_map<lua_State*, lua_Integer> byThread;
-    lua_Integer next = 1;
-};
-
-Scheduler* SchedulerOf(lua_State* L) {
-    lua_rawgetp(L, LUA_REGISTRYINDEX, &kSchedulerKey);
-    auto* scheduler = static_cast<Scheduler*>(lua_touserdata(L, -1));
-    lua_pop(L, 1);
-    return scheduler;
-}
-
-int CollectScheduler(lua_State* L) {
-    static_cast<Scheduler*>(lua_touserdata(L, 1))->~Scheduler();
-    lua_pushnil(L);
-    lua_rawsetp(L, LUA_REGISTRYINDEX, &kSchedulerKey);
-    return 0;
-}
-
-Task* Find(Scheduler& scheduler, lua_Integer id) {
-    auto it = scheduler.tasks.find(id);
-    return it == scheduler.tasks.end() ? nullptr : &it->second;
-}
-
-// The task the running coroutine is, or null.
-Task* Current(lua_State* L, Scheduler& scheduler, lua_Integer* id = nullptr) {
-    auto it = scheduler.byThread.find(L);
-    if (it == scheduler.byThread.end()) return nullptr;
-    if (id) *id = it->second;
-    return Find(scheduler, it->second);
-}
-
-// Forgets a finished task whose handle is gone once nobody can want its
-// outcome: nobody waits for it, and a failure was taken or reported.
-void ForgetIfUnwanted(lua_State* L, Scheduler& scheduler, lua_Integer id) {
-    auto it = scheduler.tasks.find(id);
-    if (it == scheduler.tasks.end()) return;
-    const Task& task = it->second;
-    if (!task.dropped || task.state != Task::State::Done || task.waiters > 0) return;
-    if (task.failed && !task.joined && !task.reported) return;
-    luaL_unref(L, LUA_REGISTRYINDEX, task.valueRef);
-    scheduler.tasks.erase(it);
-}
-
-// The outcome of a call that nobody will take (its task died meanwhile).
-void DropCall(Engine& engine, CallHandle call) noexcept {
-    try {
-        if (call && engine.Finished(call)) engine.TakeOutcome(call);
-    } catch (...) {
-    }
-}
-
-// Whether lua_resume may run the thread: a task not started yet, or one that
-// yielded. A task resumed by hand (through the raw coroutine.resume) may be
-// running now, or have run to its end.
-bool Resumable(lua_State* thread, bool started) {
-    const int status = lua_status(thread);
-    if (status == LUA_YIELD) return true;
-    lua_Debug frame;
-    return !started && status == LUA_OK && !lua_getstack(thread, 0, &frame) && lua_gettop(thread) > 0;
-}
-
-bool RunningByHand(lua_State* thread) {
-    lua_Debug frame;
-    return lua_status(thread) == LUA_OK && lua_getstack(thread, 0, &frame);
-}
-
-// Runs the task until it ends, parks or yields. May throw std::bad_alloc
-// (the ready queue); never while Lua is on the stack above.
-void Resume(lua_State* L, Scheduler& scheduler, lua_Integer id) {
-    Task* task = Find(scheduler, id);
-    if (!task) return;
-    lua_State* thread = task->thread;
-    int status;
-    int results = 0;
-    bool dead = false;
-    if (Resumable(thread, task->started)) {
-        const int arguments = task->started ? 0 : lua_gettop(thread) - 1;
-        task->started = true;
-        task->state = Task::State::Running;
-        status = lua_resume(thread, L, arguments, &results);
-        task = Find(scheduler, id);
-        if (!task) return;
-    } else if (RunningByHand(thread)) {
-        task->state = Task::State::Running;  // no longer the scheduler's to run
-        return;
-    } else {
-        dead = true;  // closed, or run to its end by hand
-        status = LUA_ERRRUN;
-    }
-    if (status == LUA_YIELD) {
-        lua_pop(thread, results);
-        // A plain coroutine.yield gives way to the other tasks; a parked call
-        // or a join has set the state already.
-        if (task->state == Task::State::Running) {
-            task->state = Task::State::Ready;
-            scheduler.ready.push_back(id);
-        }
-        return;
-    }
-    const bool failed = status != LUA_OK;
-    const CallHandle abandoned = task->call;  // set when the task died while its call was parked
-    task->call = 0;
-    // The outcome is built on L, in a protected call: allocating runs Lua.
-    if (failed) results = 1;
-    luaL_checkstack(L, results + 2, "task results");
-    if (dead)
-        lua_pushliteral(L, "cannot resume dead coroutine");
-    else
-        lua_xmove(thread, L, results);
-    if (!failed) {
-        lua_createtable(L, results, 1);
-        lua_insert(L, -results - 1);
-        for (int i = results; i >= 1; --i) lua_rawseti(L, -i - 1, i);
-        lua_pushinteger(L, results);
-        lua_setfield(L, -2, "n");
-    }
-    task = Find(scheduler, id);
-    if (!task) {
-        lua_pop(L, 1);
-        return;
-    }
-    task->failed = failed;
-    task->valueRef = luaL_ref(L, LUA_REGISTRYINDEX);
-    task->state = Task::State::Done;
-    scheduler.byThread.erase(thread);
-    luaL_unref(L, LUA_REGISTRYINDEX, task->threadRef);
-    task->threadRef = LUA_NOREF;
-    DropCall(scheduler.engine, abandoned);
-    for (auto& [waiting, other] : scheduler.tasks) {
-        if (other.state == Task::State::Join && other.joining == id) {
-            other.state = Task::State::Ready;
-            scheduler.ready.push_back(waiting);
-        }
-    }
-    ForgetIfUnwanted(L, scheduler, id);
-}
-
-// Runs tasks, and the engine's loop for their parked calls, until done()
-// holds. False when nothing can run any more although done() does not hold.
-template <class Done>
-bool RunUntil(lua_State* L, Scheduler& scheduler, Done done) {
-    while (!done()) {
-        if (!scheduler.ready.empty()) {
-            const lua_Integer id = scheduler.ready.front();
-            scheduler.ready.pop_front();
-            if (const Task* task = Find(scheduler, id); task && task->state == Task::State::Ready)
-                Resume(L, scheduler, id);
-            continue;
-        }
-        bool waiting = false, woke = false;
-        for (auto& [id, task] : scheduler.tasks) {
-            if (task.state != Task::State::Call) continue;
-            waiting = true;
-            if (!task.call || scheduler.engine.Finished(task.call)) {
-                task.state = Task::State::Ready;
-                scheduler.ready.push_back(id);
-                woke = true;
-            }
-        }
-        if (woke) continue;
-        if (!waiting) return false;
-        // A task whose call the engine no longer holds must not make the
-        // loop spin: it runs, and its continuation reports what is missing.
-        if (scheduler.engine.RunOnce(-1) == 0 && scheduler.engine.ParkedCalls() == 0) {
-            for (auto& [id, task] : scheduler.tasks) {
-                if (task.state != Task::State::Call) continue;
-                task.state = Task::State::Ready;
-                scheduler.ready.push_back(id);
-            }
-        }
-    }
-    return true;
-}
-
-// RunUntil that reports an exception as its text in `failure` (empty when none).
-template <class Done>
-bool RunUntilCaught(lua_State* L, Scheduler& scheduler, Done done, char (&failure)[256]) {
-    failure[0] = '\0';
-    try {
-        return RunUntil(L, scheduler, done);
-    } catch (const std::exception& e) {
-        std::snprintf(failure, sizeof failure, "%s", e.what());
-    } catch (...) {
-        std::snprintf(failure, sizeof failure, "unknown C++ exception");
-    }
-    return false;
-}
-
-// Pushes the results of a finished task, or raises its error.
-int PushOutcome(lua_State* L, Scheduler& scheduler, lua_Integer id) {
-    Task* task = Find(scheduler, id);
-    if (!task || task->state != Task::State::Done) return luaL_error(L, "Ombrix.join: unknown task");
-    task->joined = true;
-    const bool failed = task->failed;
-    lua_rawgeti(L, LUA_REGISTRYINDEX, task->valueRef);
-    ForgetIfUnwanted(L, scheduler, id);
-    if (failed) return lua_error(L);
-    const int table = lua_gettop(L);
-    lua_getfield(L, table, "n");
-    const int count = static_cast<int>(lua_tointeger(L, -1));
-    lua_pop(L, 1);
-    luaL_checkstack(L, count, "too many results");
-    for (int i = 1; i <= count; ++i) lua_rawgeti(L, table, i);
-    return count;
-}
 
 lua_Integer CheckTask(lua_State* L, int index) {
     return *static_cast<lua_Integer*>(luaL_checkudata(L, index, kTaskMeta));
@@ -436,16 +192,12 @@ int FinishBody(lua_State* L) {
     return 1;
 }
 
+
 }  // namespace
 
+
 void OpenTasks(lua_State* L, Engine& engine) {
-    void* memory = lua_newuserdatauv(L, sizeof(Scheduler), 0);
-    new (memory) Scheduler(engine);
-    luaL_newmetatable(L, kSchedulerMeta);
-    lua_pushcfunction(L, CollectScheduler);
-    lua_setfield(L, -2, "__gc");
-    lua_setmetatable(L, -2);
-    lua_rawsetp(L, LUA_REGISTRYINDEX, &kSchedulerKey);
+    InstallScheduler(L, engine);
 
     luaL_newmetatable(L, kTaskMeta);
     lua_pushcfunction(L, TaskToString);
