@@ -278,6 +278,51 @@ end
     write("restore", "ssl", b"\x02{}")
 
 
+# Operation numbers of fuzz/script.cpp, in its order; each operation is its
+# number, a slot byte (slot = byte % 4 + 1) and its parameter bytes.
+SCRIPT_OPS = ["data_bytes", "data_random", "data_file", "data_hash", "data_use", "data_self", "read_into",
+              "same_data", "routine", "spawn", "join", "coroutine", "setlocal", "collect", "finalizer", "drop",
+              "connect", "tls", "fetch", "wait", "many", "at_close", "resurrect", "error_object", "object",
+              "repeat", "reload"]
+SILENT, RESET, GARBAGE, TLS = range(4)
+
+
+def op(name, *params):
+    return bytes([SCRIPT_OPS.index(name), *params])
+
+
+def script_seeds():
+    nil = 0  # an argument byte that makes nil
+    fetch_tls, close_first, collect = op("fetch", 0, TLS), op("coroutine", 0, 0), op("collect", 0, 0, 0)
+    # Each reproduces one of the defects the target was written for.
+    write("script", "lent-string-closed", op("spawn", 0) + fetch_tls + bytes([nil])
+          + op("spawn", 1) + op("repeat", 0, 0, 0, 1) + close_first + collect + bytes([nil]) + op("join", 0, 1))
+    write("script", "lent-string-overwritten", op("spawn", 0) + fetch_tls + bytes([nil])
+          + op("spawn", 1) + op("repeat", 0, 0, 0, 1) + op("setlocal", 0, 0, 1, 0) + collect + bytes([nil])
+          + op("join", 0, 1))
+    write("script", "task-table-while-reporting", op("error_object", 0) + collect)
+    write("script", "join-after-scheduler", op("spawn", 0) + op("data_random", 0, 0) + bytes([nil])
+          + op("at_close", 0) + op("join", 0, 1))
+    write("script", "hex-while-finalizer-reads", op("connect", 0, TLS, 0) + op("tls", 0, 0)
+          + op("repeat", 0, 49, 0, 0) + op("finalizer", 0) + op("read_into", 0, 0, 1) + bytes([1])
+          + op("collect", 0, 10, 2)
+          + op("repeat", 0, 255, 1, 1) + op("data_random", 0, 5) + op("data_use", 0, 0))
+    write("script", "assign-from-itself", op("data_random", 0, 4) + op("data_self", 0, 0, 1))
+    write("script", "read-onto-itself", op("data_random", 0, 4) + op("data_self", 0, 1, 1))
+    write("script", "resurrected-handle", op("spawn", 0) + op("wait", 0, 0, 0, 20) + bytes([nil])
+          + op("resurrect", 0) + collect + op("spawn", 1) + op("join", 0, 0) + bytes([nil]))
+    for name, action in [("resume-parked-task", 1), ("raw-resume-parked-task", 2)]:
+        write("script", name, op("connect", 0, SILENT, 1) + op("spawn", 0) + op("wait", 0, 0, 0, 39) + bytes([nil])
+              + op("spawn", 1) + op("coroutine", 0, action) + bytes([nil]) + op("join", 0, 1))
+    # Hundreds of parked calls against every peer, a reload with calls parked, and the rest.
+    write("script", "many-parked-then-reload", op("connect", 0, SILENT, 1)
+          + op("many", 0, 199, 1, SILENT) + op("many", 1, 99, 1, RESET) + op("many", 2, 99, 1, GARBAGE)
+          + op("many", 3, 49, 0, 0, 20) + op("many", 0, 49, 1, TLS)
+          + op("spawn", 0) + op("wait", 0, 0, 0, 5) + bytes([nil]) + op("join", 0, 1) + op("reload")
+          + op("object", 0, 0) + op("object", 1, 2) + op("routine", 0, 0, 2, 2, 1, 3, 0)
+          + op("same_data", 0, 0) + op("data_file", 1) + op("data_use", 1, 3) + op("data_self", 1, 3, 0))
+
+
 def main():
     if len(sys.argv) != 2:
         sys.exit(__doc__)
@@ -345,6 +390,7 @@ def main():
     tls_seeds()
     cert_field_seeds()
     restore_seeds(pathlib.Path(sys.argv[1]) / "ombrix")
+    script_seeds()
 
 
 if __name__ == "__main__":

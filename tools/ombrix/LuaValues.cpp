@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <cstring>
 #include <new>
+#include <vector>
 
 #include "FileData.h"
 #include "LuaMemory.h"
@@ -29,6 +30,11 @@ constexpr uint64_t kReadChunk = 64 * 1024;
 // may raise a Lua error (which unwinds with longjmp) check their arguments
 // before any C++ object with a destructor is alive, and raise only after
 // such objects are gone.
+// While CloseState runs lua_close: the references of the values wrapped
+// meanwhile (by finalizers), whose userdata Lua frees without their __gc.
+const char kLateKey = 0;
+using LateReferences = std::vector<Ombrix::IObject*>;
+
 template <class T>
 void PushHandle(lua_State* L, AutoRefPtr<T> value, const char* meta) {
     if (!value) {
@@ -36,9 +42,20 @@ void PushHandle(lua_State* L, AutoRefPtr<T> value, const char* meta) {
         return;
     }
     const uint64_t outside = OutsideBytes(value.get());
+    lua_rawgetp(L, LUA_REGISTRYINDEX, &kLateKey);
+    auto* late = static_cast<LateReferences*>(lua_touserdata(L, -1));
+    lua_pop(L, 1);
     void* memory = lua_newuserdatauv(L, sizeof(AutoRefPtr<T>), 0);
+    T* object = value.get();
     new (memory) AutoRefPtr<T>(std::move(value));
     luaL_setmetatable(L, meta);
+    if (late) {
+        try {
+            late->push_back(object);
+        } catch (const std::bad_alloc&) {
+        }
+        return;
+    }
     AccountOutside(L, outside);
 }
 
@@ -49,7 +66,17 @@ AutoRefPtr<T>* TestHandle(lua_State* L, int index, const char* meta) {
 
 template <class T, const char* Meta>
 int CollectHandle(lua_State* L) {
-    if (auto* handle = TestHandle<T>(L, 1, Meta)) *handle = nullptr;
+    auto* handle = TestHandle<T>(L, 1, Meta);
+    if (!handle || !*handle) return 0;
+    // A value wrapped while the state closes and finalized after all (made
+    // before lua_close stopped finalization): CloseState must not release it.
+    lua_rawgetp(L, LUA_REGISTRYINDEX, &kLateKey);
+    if (auto* late = static_cast<LateReferences*>(lua_touserdata(L, -1))) {
+        auto it = std::find(late->begin(), late->end(), static_cast<Ombrix::IObject*>(handle->get()));
+        if (it != late->end()) late->erase(it);
+    }
+    lua_pop(L, 1);
+    *handle = nullptr;
     return 0;
 }
 
@@ -242,6 +269,15 @@ void OpenValues(lua_State* L) {
     lua_setfield(L, -2, "__call");
     lua_setmetatable(L, -2);
     lua_setglobal(L, "Data");
+}
+
+void CloseState(lua_State* L) {
+    if (!L) return;
+    LateReferences late;
+    lua_pushlightuserdata(L, &late);
+    lua_rawsetp(L, LUA_REGISTRYINDEX, &kLateKey);
+    lua_close(L);
+    for (Ombrix::IObject* object : late) object->Release();
 }
 
 void PushData(lua_State* L, AutoRefPtr<IDataRef> data) { PushHandle(L, std::move(data), kDataMeta); }
