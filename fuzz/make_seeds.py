@@ -283,7 +283,7 @@ end
 SCRIPT_OPS = ["data_bytes", "data_random", "data_file", "data_hash", "data_use", "data_self", "read_into",
               "same_data", "routine", "spawn", "join", "coroutine", "setlocal", "collect", "finalizer", "drop",
               "connect", "tls", "fetch", "wait", "many", "at_close", "resurrect", "error_object", "object",
-              "repeat", "reload"]
+              "repeat", "reload", "tls_session"]
 SILENT, RESET, GARBAGE, TLS = range(4)
 
 
@@ -314,6 +314,24 @@ def script_seeds():
     for name, action in [("resume-parked-task", 1), ("raw-resume-parked-task", 2)]:
         write("script", name, op("connect", 0, SILENT, 1) + op("spawn", 0) + op("wait", 0, 0, 0, 39) + bytes([nil])
               + op("spawn", 1) + op("coroutine", 0, action) + bytes([nil]) + op("join", 0, 1))
+    # All at once: TLS sessions in tasks reading into a buffer whose hex finalizers make in small
+    # collection steps, hundreds of parked fetches and waits, coroutines closed and overwritten
+    # meanwhile, resets, a resurrected handle, a failure reported by a __tostring that drops its
+    # task, spawn and join while the state closes; then a reload with calls parked, and again.
+    everything = (op("data_random", 0, 4) + op("tls_session", 0, TLS, 0) + op("tls_session", 1, TLS, 0)
+                  + op("tls_session", 2, RESET, 1) + op("tls_session", 3, GARBAGE, 0)
+                  + op("repeat", 0, 19, 0, 1) + op("finalizer", 0) + op("data_use", 0, 0) + bytes([1])
+                  + op("finalizer", 1) + op("data_self", 0, 0, 3) + bytes([1])
+                  + op("collect", 0, 1, 2) + op("connect", 0, SILENT, 1)
+                  + op("many", 0, 199, 1, SILENT) + op("many", 1, 149, 0, 0, 15) + op("many", 2, 99, 1, RESET)
+                  + op("many", 3, 49, 1, GARBAGE) + op("many", 0, 49, 1, TLS)
+                  + op("spawn", 1) + fetch_tls + bytes([nil]) + op("spawn", 2) + op("wait", 0, 0, 0, 30) + bytes([nil])
+                  + op("spawn", 3) + op("repeat", 0, 0, 0, 2) + op("coroutine", 1, 0) + op("setlocal", 2, 0, 1, 0)
+                  + op("coroutine", 0, 2) + bytes([nil])
+                  + op("resurrect", 2) + op("collect", 0, 3, 1) + op("error_object", 3) + op("same_data", 0, 1)
+                  + op("collect", 0, 0, 3) + op("join", 1, 1) + op("join", 0, 0) + op("at_close", 0)
+                  + op("spawn", 0) + op("data_use", 0, 1) + bytes([nil]))
+    write("script", "everything-then-reload", everything + op("join", 0, 1) + op("reload") + everything)
     # Hundreds of parked calls against every peer, a reload with calls parked, and the rest.
     write("script", "many-parked-then-reload", op("connect", 0, SILENT, 1)
           + op("many", 0, 199, 1, SILENT) + op("many", 1, 99, 1, RESET) + op("many", 2, 99, 1, GARBAGE)

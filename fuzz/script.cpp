@@ -32,7 +32,7 @@ enum Op : uint8_t {
     kDataBytes, kDataRandom, kDataFile, kDataHash, kDataUse, kDataSelf, kReadInto, kSameData,
     kRoutine, kSpawn, kJoin, kCoroutine, kSetLocal, kCollect, kFinalizer, kDrop,
     kConnect, kTls, kFetch, kWait, kMany, kAtClose, kResurrect, kErrorObject,
-    kObject, kRepeat, kReload, kOpCount
+    kObject, kRepeat, kReload, kTlsSession, kOpCount
 };
 
 struct Reader {
@@ -260,6 +260,20 @@ std::string Operation(Reader& in, int depth) {
             const int count = in.heavy || depth > 0 ? 1 + rounds % 4 : rounds;
             in.heavy = in.heavy || heavyBefore;
             return "for _ = 1, " + std::to_string(count) + " do\n" + body + "end\n";
+        }
+        case kTlsSession: {
+            // A task that drives a TLS session over a non-blocking socket,
+            // parking in Net.Wait, and reads into a shared buffer.
+            if (!in.Spend() || !in.Spend()) return "";
+            const std::string port = Port(in), d = "D[" + in.Slot() + "]";
+            return Guarded("T[" + i + "] = Ombrix.spawn(function() C[" + i + "] = coroutine.running()\n"
+                           "local k = Net.Connect(host(), " + port + ") Net.SetBlocking(k, false)\n"
+                           "local x = Cryptography.CreateSSL(JSON.FromString('{\"Verify\": false}')) X[" + i + "] = x\n"
+                           "for _ = 1, 8 do if Cryptography.Connect(x, k) then break end\n"
+                           "  Net.Wait(k, Cryptography.State(x) == 3 and string.char(119) or string.char(114), 10) end\n"
+                           "for _ = 1, 8 do if Cryptography.Read(x, " + d + " or Data(''), 8) <= 0 then\n"
+                           "  Net.Wait(k, string.char(114), 10) end end\n"
+                           "Net.Close(k) end)");
         }
         case kReload:
         case kOpCount: break;
