@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <array>
+#include <atomic>
 #include <chrono>
 #include <cstdlib>
 #include <list>
@@ -42,7 +43,13 @@ public:
             SSL_CTX_use_PrivateKey_file(context_, DataPath("tls/server.key").c_str(), SSL_FILETYPE_PEM) != 1)
             Fail("the TLS peer cannot load its certificate");
         for (size_t k = 0; k < listeners_.size(); ++k) listeners_[k] = Listen(ports_[k]);
-        std::thread([this] { Serve(); }).detach();
+        thread_ = std::thread([this] { Serve(); });
+    }
+    // Ends the thread; runs at exit before OpenSSL's own cleanup, which was
+    // registered earlier (when the module or this context started OpenSSL).
+    void Stop() {
+        stop_ = true;
+        if (thread_.joinable()) thread_.join();
     }
     int Port(PeerKind kind) const { return ports_[static_cast<size_t>(kind)]; }
 
@@ -105,7 +112,7 @@ private:
     }
 
     void Serve() {
-        for (;;) {
+        while (!stop_) {
             std::vector<pollfd> entries;
             for (int fd : listeners_) entries.push_back({fd, POLLIN, 0});
             for (const Connection& c : open_) entries.push_back({c.fd, static_cast<short>(c.ssl ? POLLIN : 0), 0});
@@ -129,12 +136,18 @@ private:
     std::array<int, static_cast<size_t>(PeerKind::Count)> listeners_{};
     std::array<int, static_cast<size_t>(PeerKind::Count)> ports_{};
     std::list<Connection> open_;
+    std::atomic<bool> stop_{false};
+    std::thread thread_;
 };
 
 }  // namespace
 
 int PeerPort(PeerKind kind) {
-    static Peers* peers = new Peers();  // serves until the process ends
+    static Peers* peers = [] {
+        static Peers* made = new Peers();  // serves until the process ends
+        std::atexit([] { made->Stop(); });
+        return made;
+    }();
     return peers->Port(kind);
 }
 

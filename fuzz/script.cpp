@@ -132,9 +132,11 @@ std::string Operation(Reader& in, int depth) {
         case kDataFile: return Guarded("D[" + i + "] = Data.file(FIXTURE)");
         case kDataHash: return Guarded("D[" + i + "] = Cryptography.Hash('SHA256', D[" + in.Slot() + "])");
         case kDataUse: {
-            const char* uses[] = {":hex()", ":bytes()", " == D[1]", ":hex() == D[2]:hex()"};
-            const std::string use = uses[in.Pick(4)];
-            return Guarded("local _ = D[" + i + "]" + use + ", #D[" + i + "], tostring(D[" + i + "])");
+            // The last one makes a fresh buffer in place and reads it at once.
+            const char* uses[] = {":hex()", ":bytes()", " == D[1]", ":hex() == D[2]:hex()", ":hex()"};
+            const int use = in.Pick(5);
+            const std::string fresh = use == 4 ? "D[" + i + "] = Cryptography.CreateRandomBytes(4000) " : "";
+            return Guarded(fresh + "local _ = D[" + i + "]" + uses[use] + ", #D[" + i + "], tostring(D[" + i + "])");
         }
         case kDataSelf: {
             const char* calls[] = {"assign_self", "read_self", "truncate", "clone"};
@@ -248,9 +250,8 @@ std::string Operation(Reader& in, int depth) {
             return Guarded("V[" + i + "] = " + makers[in.Pick(6)]);
         }
         case kRepeat: {
-            // Up to 512 rounds of cheap operations, a few of ones that wait.
-            int rounds = 1 + in.Byte();
-            rounds += 256 * in.Pick(2);
+            // Up to 256 rounds of cheap operations, a few of ones that wait.
+            const int rounds = 1 + in.Byte();
             const bool heavyBefore = in.heavy;
             in.heavy = false;
             in.scale *= 4;
