@@ -39,13 +39,14 @@ struct Reader {
     const uint8_t* data;
     size_t size;
     bool heavy = false;  // the operations made since it was cleared may wait or spawn many tasks
-    // Operations that may wait up to a peer's 40 ms each, weighted by the
-    // rounds of the loops around them: bounds an input's time.
-    int budget = 64;
+    // Operations that may wait up to a peer's 40 ms each (or start 16 parked
+    // calls), weighted by the rounds of the loops around them, per part of
+    // an input: bounds its time.
+    int budget = 32;
     int scale = 1;
-    bool Spend() {
+    bool Spend(int units = 1) {
         heavy = true;
-        budget -= scale;
+        budget -= units * scale;
         return budget >= 0;
     }
     uint8_t Byte() {
@@ -230,8 +231,8 @@ std::string Operation(Reader& in, int depth) {
             return Guarded("V[" + i + "] = Net.Wait(K[" + k + "] or 0, " + mode + ", " + std::to_string(in.Pick(40)) + ")");
         }
         case kMany: {
-            if (!in.Spend()) return "";
             const int count = depth == 0 ? 1 + in.Byte() : 1 + in.Pick(8);
+            if (!in.Spend(1 + count / 16)) return "";
             return Guarded("for n = 1, " + std::to_string(count) + " do Ombrix.spawn(function() return " + Parking(in) +
                            " end) end");
         }
@@ -265,7 +266,7 @@ std::string Operation(Reader& in, int depth) {
         case kTlsSession: {
             // A task that drives a TLS session over a non-blocking socket,
             // parking in Net.Wait, and reads into a shared buffer.
-            if (!in.Spend() || !in.Spend()) return "";
+            if (!in.Spend(2)) return "";
             const std::string port = Port(in), d = "D[" + in.Slot() + "]";
             return Guarded("T[" + i + "] = Ombrix.spawn(function() C[" + i + "] = coroutine.running()\n"
                            "local k = Net.Connect(host(), " + port + ") Net.SetBlocking(k, false)\n"
@@ -381,6 +382,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     Reader in{data, size};
     for (int segments = 0; !in.Done() && segments < 3; ++segments) {
         Open(session);
+        in.budget = 32;
         std::string body;
         bool reload = false;
         for (int n = 0; n < 48 && !in.Done() && !reload; ++n) {
