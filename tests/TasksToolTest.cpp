@@ -226,6 +226,8 @@ local t = Ombrix.spawn(function() end)
 getmetatable(io.stdout).__gc = function(file)  -- stdin, stdout and stderr share it
   if file == io.stdout then print(select(2, pcall(Ombrix.spawn, print)), select(2, pcall(Ombrix.join, t))) end
 end)lua", 0, "Ombrix.spawn: tasks have ended (the Lua state is closing)\tOmbrix.join: tasks have ended (the Lua state is closing)\n"},
+        {"values made by finalizers while the state closes", R"lua(
+getmetatable(io.stdout).__gc = function() kept = {Data("late"), Cryptography.GenerateECKey()} end)lua", 0, ""},
         {"hex() while a finalizer reads into the same buffer", R"lua(
 local socket = Net.Connect("127.0.0.1", tonumber(arg[1]))
 local tls = Cryptography.CreateSSL(JSON.FromString('{"Verify": false}'))

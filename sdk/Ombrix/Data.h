@@ -14,10 +14,10 @@ namespace Ombrix {
 
 // Aliasing: Assign and Read accept bytes inside this buffer (Assign copies
 // before it lets go of the old bytes; Read moves with memmove). A pointer
-// from GetData, View or PrepareForWriting is valid until the next Assign,
-// PrepareForWriting or Truncate-then-write of this buffer, so whoever holds
-// one must not run anything that may change the buffer meanwhile (in a script
-// host: anything that can run script code). A Data is reference counted and
+// from GetData, View or PrepareForWriting is valid until the next Assign or
+// PrepareForWriting of this buffer, so whoever holds one must not run
+// anything that may change the buffer meanwhile (in a script host: anything
+// that can run script code). A Data is reference counted and
 // neither copied nor moved: it may hold its bytes inside itself, and a moved
 // object would point into the one it came from. Clone makes a copy.
 class Data final : public UseCounted<IDataRef> {
