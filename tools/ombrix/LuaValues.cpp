@@ -26,15 +26,15 @@ constexpr char kDataMeta[] = "Ombrix.Data";
 constexpr char kObjectMeta[] = "Ombrix.Object";
 constexpr uint64_t kReadChunk = 64 * 1024;
 
-// A userdata holds one AutoRefPtr; __gc drops its reference. Functions that
-// may raise a Lua error (which unwinds with longjmp) check their arguments
-// before any C++ object with a destructor is alive, and raise only after
-// such objects are gone.
 // While CloseState runs lua_close: the references of the values wrapped
 // meanwhile (by finalizers), whose userdata Lua frees without their __gc.
 const char kLateKey = 0;
 using LateReferences = std::vector<Ombrix::IObject*>;
 
+// A userdata holds one AutoRefPtr; __gc drops its reference. Functions that
+// may raise a Lua error (which unwinds with longjmp) check their arguments
+// before any C++ object with a destructor is alive, and raise only after
+// such objects are gone.
 template <class T>
 void PushHandle(lua_State* L, AutoRefPtr<T> value, const char* meta) {
     if (!value) {
