@@ -238,7 +238,8 @@ local meta = {}
 meta.__gc = function() Cryptography.Read(tls, d, 1) setmetatable({}, meta) end
 for i = 1, 50 do setmetatable({}, meta) end
 collectgarbage("incremental", 10, 100)
-for i = 1, 300 do d = Cryptography.CreateRandomBytes(4000) assert(#d:hex() == 2 * #d) end
+-- hex() sees the fresh buffer, or the byte a finalizer read into it first
+for i = 1, 300 do d = Cryptography.CreateRandomBytes(4000) local n = #d:hex() assert(n == 8000 or n == 2, n) end
 print("done"))lua", 0, "done\n"},
         {"join a finalized, resurrected handle from a task", R"lua(
 local saved
