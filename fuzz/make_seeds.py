@@ -278,6 +278,68 @@ end
     write("restore", "ssl", b"\x02{}")
 
 
+# Operation numbers of fuzz/script.cpp, in its order; each operation is its
+# number, a slot byte (slot = byte % 4 + 1) and its parameter bytes.
+SCRIPT_OPS = ["data_bytes", "data_random", "data_file", "data_hash", "data_use", "data_self", "read_into",
+              "same_data", "routine", "spawn", "join", "coroutine", "setlocal", "collect", "finalizer", "drop",
+              "connect", "tls", "fetch", "wait", "many", "at_close", "resurrect", "error_object", "object",
+              "repeat", "reload", "tls_session"]
+SILENT, RESET, GARBAGE, TLS = range(4)
+
+
+def op(name, *params):
+    return bytes([SCRIPT_OPS.index(name), *params])
+
+
+def script_seeds():
+    nil = 0  # an argument byte that makes nil
+    fetch_tls, close_first, collect = op("fetch", 0, TLS), op("coroutine", 0, 0), op("collect", 0, 0, 0)
+    # Each reproduces one of the defects the target was written for.
+    write("script", "lent-string-closed", op("spawn", 0) + fetch_tls + bytes([nil])
+          + op("spawn", 1) + op("repeat", 0, 0, 1) + close_first + collect + bytes([nil]) + op("join", 0, 1))
+    write("script", "lent-string-overwritten", op("spawn", 0) + fetch_tls + bytes([nil])
+          + op("spawn", 1) + op("repeat", 0, 0, 1) + op("setlocal", 0, 0, 1, 0) + collect + bytes([nil])
+          + op("join", 0, 1))
+    write("script", "task-table-while-reporting", op("error_object", 0) + collect)
+    write("script", "join-after-scheduler", op("spawn", 0) + op("data_random", 0, 0) + bytes([nil])
+          + op("at_close", 0) + op("join", 0, 1))
+    write("script", "hex-while-finalizer-reads", op("connect", 0, TLS, 0) + op("tls", 0, 0)
+          + op("repeat", 0, 49, 0) + op("finalizer", 0) + op("read_into", 0, 0, 1) + bytes([1])
+          + op("collect", 0, 10, 2)
+          + op("repeat", 0, 99, 0) + op("data_use", 0, 4))
+    write("script", "assign-from-itself", op("data_random", 0, 4) + op("data_self", 0, 0, 1))
+    write("script", "read-onto-itself", op("data_random", 0, 4) + op("data_self", 0, 1, 1))
+    write("script", "resurrected-handle", op("spawn", 0) + op("wait", 0, 0, 0, 20) + bytes([nil])
+          + op("resurrect", 0) + collect + op("spawn", 1) + op("join", 0, 0) + bytes([nil]))
+    for name, action in [("resume-parked-task", 1), ("raw-resume-parked-task", 2)]:
+        write("script", name, op("connect", 0, SILENT, 1) + op("spawn", 0) + op("wait", 0, 0, 0, 39) + bytes([nil])
+              + op("spawn", 1) + op("coroutine", 0, action) + bytes([nil]) + op("join", 0, 1))
+    # All at once: TLS sessions in tasks reading into a buffer whose hex finalizers make in small
+    # collection steps, hundreds of parked fetches and waits, coroutines closed and overwritten
+    # meanwhile, resets, a resurrected handle, a failure reported by a __tostring that drops its
+    # task, spawn and join while the state closes; then a reload with calls parked, and again.
+    everything = (op("data_random", 0, 4) + op("tls_session", 0, TLS, 0) + op("tls_session", 1, TLS, 0)
+                  + op("tls_session", 2, RESET, 1) + op("tls_session", 3, GARBAGE, 0)
+                  + op("repeat", 0, 19, 1) + op("finalizer", 0) + op("data_use", 0, 0) + bytes([1])
+                  + op("finalizer", 1) + op("data_self", 0, 0, 3) + bytes([1])
+                  + op("collect", 0, 1, 2) + op("connect", 0, SILENT, 1)
+                  + op("many", 0, 99, 1, SILENT) + op("many", 1, 59, 0, 0, 15) + op("many", 2, 39, 1, RESET)
+                  + op("many", 3, 29, 1, GARBAGE) + op("many", 0, 29, 1, TLS)
+                  + op("spawn", 1) + fetch_tls + bytes([nil]) + op("spawn", 2) + op("wait", 0, 0, 0, 30) + bytes([nil])
+                  + op("spawn", 3) + op("repeat", 0, 0, 2) + op("coroutine", 1, 0) + op("setlocal", 2, 0, 1, 0)
+                  + op("coroutine", 0, 2) + bytes([nil])
+                  + op("resurrect", 2) + op("collect", 0, 3, 1) + op("error_object", 3) + op("same_data", 0, 1)
+                  + op("collect", 0, 0, 3) + op("join", 1, 1) + op("join", 0, 0) + op("at_close", 0)
+                  + op("spawn", 0) + op("data_use", 0, 1) + bytes([nil]))
+    write("script", "everything-then-reload", everything + op("join", 0, 1) + op("reload") + everything[:44])
+    # Hundreds of parked calls against every peer, a reload with calls parked, and the rest.
+    write("script", "many-parked-then-reload", op("connect", 0, SILENT, 1)
+          + op("many", 0, 199, 1, SILENT) + op("many", 1, 99, 1, RESET) + op("many", 2, 99, 1, GARBAGE)
+          + op("spawn", 0) + op("wait", 0, 0, 0, 5) + bytes([nil]) + op("join", 0, 1) + op("reload")
+          + op("object", 0, 0) + op("object", 1, 2) + op("routine", 0, 0, 2, 2, 1, 3, 0)
+          + op("same_data", 0, 0) + op("data_file", 1) + op("data_use", 1, 3) + op("data_self", 1, 3, 0))
+
+
 def main():
     if len(sys.argv) != 2:
         sys.exit(__doc__)
@@ -345,6 +407,7 @@ def main():
     tls_seeds()
     cert_field_seeds()
     restore_seeds(pathlib.Path(sys.argv[1]) / "ombrix")
+    script_seeds()
 
 
 if __name__ == "__main__":

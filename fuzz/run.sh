@@ -10,7 +10,7 @@ build=$(cd "$1" && pwd)
 seconds=$2
 shift 2
 here=$(cd "$(dirname "$0")" && pwd)
-targets=${*:-"aead_token public_key symmetric_decrypt chacha_decrypt key_pem x509_pem x509_der pem_json verify_pem sign_pem create_ssl definition routines tls_peer cert_fields restore"}
+targets=${*:-"aead_token public_key symmetric_decrypt chacha_decrypt key_pem x509_pem x509_der pem_json verify_pem sign_pem create_ssl definition routines tls_peer cert_fields restore script"}
 
 # Longest input per target: enough for the largest seed and some growth, and
 # a bound on the work one input can ask for (the bundle reader re-reads a
@@ -21,6 +21,7 @@ max_len() {
         public_key) echo 2048 ;;
         key_pem|sign_pem|verify_pem|x509_pem|pem_json) echo 8192 ;;
         definition|routines|tls_peer|restore) echo 16384 ;;
+        script) echo 1024 ;;
         *) echo 4096 ;;
     esac
 }

@@ -190,7 +190,7 @@ public:
     // Runs a routine chosen by name and argument types; throws
     // std::invalid_argument for an unknown name. The synchronous calls use
     // the caller's arguments in place; a call that parks takes its own
-    // references to them.
+    // references to them and copies of what is lent (StartBorrowed).
     CallOutcome Call(std::string_view name, const std::vector<AutoRefPtr<IVariant>>& arguments);
     // Runs one declaration (by entry-point name), bypassing overload choice.
     CallOutcome CallEntry(std::string_view entryName, const std::vector<AutoRefPtr<IVariant>>& arguments);
@@ -200,6 +200,13 @@ public:
     // caller for the whole call.
     CallOutcome CallBorrowed(const Declaration& declaration, std::span<IVariant* const> arguments,
                              bool withResult = true);
+    // Starts a call with arguments lent by the caller. When it finishes at
+    // once, its outcome is stored in `outcome` and 0 returned: nothing was
+    // copied. When it parks, it takes its own references to the arguments
+    // and copies of every lent value (Variant::Owning), so the caller's
+    // values and lent bytes may go at once, and the handle is returned.
+    CallHandle StartBorrowed(const Declaration& declaration, std::span<IVariant* const> arguments, bool withResult,
+                             CallOutcome& outcome);
 
     // Calls that wait without holding the thread. Start runs a call until it
     // finishes or interrupts with an event; an interrupted call is parked, and
@@ -235,8 +242,8 @@ private:
     void Prepare(CallRecord& call, const Declaration& declaration, bool withResult);
     void Step(CallRecord& call);
     CallHandle Park(std::unique_ptr<CallRecord> call);
-    // A parked call of the synchronous path, moved to the heap with its own
-    // references to the arguments it borrowed.
+    // A parked call of a borrowing start, moved to the heap with its own
+    // references to the arguments it borrowed and copies of lent bytes.
     static std::unique_ptr<CallRecord> Detach(CallRecord& run);
 
     Options options_;

@@ -26,16 +26,26 @@ CallOutcome Engine::CallDeclaration(const Declaration& declaration,
 
 CallOutcome Engine::CallBorrowed(const Declaration& declaration, std::span<IVariant* const> arguments,
                                  bool withResult) {
+    CallOutcome outcome;
+    const CallHandle call = StartBorrowed(declaration, arguments, withResult, outcome);
+    if (!call) return outcome;
+    RunUntilFinished(call);
+    return TakeOutcome(call);
+}
+
+CallHandle Engine::StartBorrowed(const Declaration& declaration, std::span<IVariant* const> arguments,
+                                 bool withResult, CallOutcome& outcome) {
     // Almost every call finishes at once: its record stays on this stack and
     // it never touches the shared record of started calls.
     CallRecord run;
     Prepare(run, declaration, withResult);
     run.passed = arguments;
     Step(run);
-    if (run.finished) return std::move(run.outcome);
-    const CallHandle call = Park(Detach(run));
-    RunUntilFinished(call);
-    return TakeOutcome(call);
+    if (run.finished) {
+        outcome = std::move(run.outcome);
+        return 0;
+    }
+    return Park(Detach(run));
 }
 
 // A new call of a bound declaration: its result value (for a function) and
@@ -51,10 +61,7 @@ void Engine::Prepare(CallRecord& call, const Declaration& declaration, bool with
 std::unique_ptr<CallRecord> Engine::Detach(CallRecord& run) {
     auto record = std::make_unique<CallRecord>();
     record->declaration = run.declaration;
-    std::vector<AutoRefPtr<IVariant>> held;
-    held.reserve(run.passed.size());
-    for (IVariant* argument : run.passed) held.push_back(AutoRefPtr<IVariant>::Share(argument));
-    record->Own(std::move(held));
+    record->Own(run.passed);
     record->context = std::move(run.context);
     record->outcome = std::move(run.outcome);
     record->event = std::move(run.event);
@@ -79,7 +86,7 @@ CallHandle Engine::StartDeclaration(const Declaration& declaration, std::vector<
                                     bool withResult) {
     auto call = std::make_unique<CallRecord>();
     Prepare(*call, declaration, withResult);
-    call->Own(std::move(arguments));
+    call->Own(ArgumentPointers(arguments).Span());
 
     CallRecord& record = *call;
     Step(record);

@@ -32,9 +32,14 @@ struct CallRecord {
 
     bool Parked() const { return !finished && event; }
     // Takes the arguments over: the record then holds its own references and
-    // hands the entry point their pointers.
-    void Own(std::vector<AutoRefPtr<IVariant>> values) {
-        arguments = std::move(values);
+    // hands the entry point their pointers. A lent value (a lent string, a
+    // buffer over lent bytes) is replaced by a copy that owns its bytes, so a
+    // parked call never reads what its caller lent (Variant::Owning).
+    void Own(std::span<IVariant* const> values) {
+        std::vector<AutoRefPtr<IVariant>> held;
+        held.reserve(values.size());
+        for (IVariant* value : values) held.push_back(Variant::Owning(value));
+        arguments = std::move(held);
         raw.clear();
         raw.reserve(arguments.size());
         for (const auto& a : arguments) raw.push_back(a.get());

@@ -68,6 +68,17 @@ std::string BuiltinTypeName(uint32_t code) {
     return {};
 }
 
+namespace {
+
+// A buffer holding its own copy of another's bytes (null for null).
+AutoRefPtr<IDataRef> CopyOf(const AutoRefPtr<IDataRef>& data) {
+    if (!data) return nullptr;
+    const DataBytes bytes(data);
+    return AutoRefPtr<IDataRef>(Data::Make(std::string(bytes.view())));
+}
+
+}  // namespace
+
 AutoRefPtr<Variant> Variant::Boolean(bool value) {
     AutoRefPtr<Variant> v(new Variant(kTypeBoolean));
     v->AssignBoolean(value);
@@ -112,6 +123,13 @@ AutoRefPtr<Variant> Variant::DataRef(AutoRefPtr<IDataRef> value) {
     v->AssignData(std::move(value));
     return v;
 }
+AutoRefPtr<IVariant> Variant::Owning(IVariant* value) {
+    // In place, so that whoever else holds the value or its buffer (a routine
+    // keeping a reference across the park) reads owned bytes too.
+    if (auto* own = dynamic_cast<Variant*>(value); own && own->IsLent()) own->MakeOwned();
+    return AutoRefPtr<IVariant>::Share(value);
+}
+
 AutoRefPtr<Variant> Variant::Object(AutoRefPtr<IUserDefinedType> value) {
     AutoRefPtr<Variant> v(new Variant(value ? value->GetType() : 0));
     v->SetUserDefined(std::move(value));
@@ -172,6 +190,8 @@ bool Variant::Assign(const IVariant* other) {
     number_ = other->GetNumber();
     if (const char* text = other->GetString()) string_.assign(text, other->GetStringSize());
     data_ = other->GetData();
+    // A copy never reads lent bytes: it may be kept after the lender's call.
+    if (const auto* own = dynamic_cast<const Variant*>(other); own && own->lentData_) data_ = CopyOf(data_);
     stream_ = other->GetStream();
     object_ = AutoRefPtr<IUserDefinedType>(other->GetUserDefinedPtr());
     vector_ = other->GetVector();

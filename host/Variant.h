@@ -25,6 +25,10 @@ public:
     // them: an Assign gives it bytes of its own.
     static AutoRefPtr<Variant> LentData(const char* bytes, size_t size);
     static AutoRefPtr<Variant> DataRef(AutoRefPtr<IDataRef> value);
+    // The value, with bytes of its own, for a call that may outlive what its
+    // caller lent: a lent value of this class is made owned in place
+    // (MakeOwned), so every holder of it or of its buffer keeps valid bytes.
+    static AutoRefPtr<IVariant> Owning(IVariant* value);
     // A custom value; its type code is the object's own.
     static AutoRefPtr<Variant> Object(AutoRefPtr<IUserDefinedType> value);
     // A variable of a custom type that holds no object.

@@ -38,14 +38,14 @@ TEST(DataBuffer, WrittenInPlaceThenTruncatedOrReplaced) {
 }
 
 // A lent buffer reads the lender's bytes in place and never writes to them;
-// MakeOwned copies them into the buffer itself, so a holder keeps them.
+// Owning (what a parked call does) copies them into the buffer itself, so a holder keeps them.
 TEST(HostValues, LentBuffersOwnTheirBytesWhenTold) {
     std::string lent = "lent bytes";
     const auto value = Ombrix::Host::Variant::LentData(lent.data(), lent.size());
     const AutoRefPtr<IDataRef> held = value->GetData();
     EXPECT_TRUE(value->IsLent() && value->Shared());
     EXPECT_EQ(held->GetData(), lent.data());
-    value->MakeOwned();
+    EXPECT_EQ(Ombrix::Host::Variant::Owning(value.get()).get(), value.get());
     lent.assign("XXXX XXXXX");
     EXPECT_FALSE(value->IsLent());
     EXPECT_EQ(std::string(held->GetData(), held->GetSize()), "lent bytes");

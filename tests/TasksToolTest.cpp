@@ -142,5 +142,80 @@ TEST(TasksTool, UnjoinedTasksRunToTheEndAndTheirFailuresCount) {
     }
 }
 
+// Scripts that drop, re-enter or resurrect things while a call is parked or
+// the host is inside Lua. arg[1]: a TLS server that answers after 300 ms and
+// then sends 300 one-byte records; arg[2]: a listener that never accepts.
+TEST(TasksTool, HostileScriptsGetErrorsNotCrashes) {
+    const char kVictim[] = R"lua(
+local co
+local victim = Ombrix.spawn(function()
+  co = coroutine.running()
+  return Cryptography.X509FetchFromServer(table.concat({"127", "0", "0", "1"}, "."), tonumber(arg[1]))
+end)
+)lua";
+    const struct { const char* name; std::string script; int status; const char* output; } cases[] = {
+        {"a parked call's host string outlives its closed coroutine", kVictim + std::string(R"lua(
+Ombrix.spawn(function() coroutine.close(co) collectgarbage() end)
+print(pcall(Ombrix.join, victim)))lua"), 0, "false\tcannot resume dead coroutine\n"},
+        {"... or its overwritten stack slot", kVictim + std::string(R"lua(
+Ombrix.spawn(function() debug.setlocal(co, 0, 1, 0) collectgarbage() end)
+print(pcall(Ombrix.join, victim)))lua"), 0, "true\tCryptography.X509\n"},
+        {"a failure's __tostring joins and drops its task while it is reported", R"lua(
+local failing
+failing = Ombrix.spawn(function() error(setmetatable({}, {__tostring = function()
+  pcall(Ombrix.join, failing) failing = nil collectgarbage() return "object" end})) end))lua", 1,
+         "ombrix: task 1 failed: object\n"},
+        {"spawn and join from a finalizer after the scheduler's", R"lua(
+local t = Ombrix.spawn(function() end)
+getmetatable(io.stdout).__gc = function(file)  -- stdin, stdout and stderr share it
+  if file == io.stdout then print(select(2, pcall(Ombrix.spawn, print)), select(2, pcall(Ombrix.join, t))) end
+end)lua", 0, "Ombrix.spawn: tasks have ended (the Lua state is closing)\tOmbrix.join: tasks have ended (the Lua state is closing)\n"},
+        {"values made by finalizers while the state closes", R"lua(
+getmetatable(io.stdout).__gc = function() kept = {Data("late"), Cryptography.GenerateECKey()} end)lua", 0, ""},
+        {"hex() while a finalizer reads into the same buffer", R"lua(
+local socket = Net.Connect("127.0.0.1", tonumber(arg[1]))
+local tls = Cryptography.CreateSSL(JSON.FromString('{"Verify": false}'))
+assert(Cryptography.Connect(tls, socket))
+Net.SetBlocking(socket, false)
+local d
+local meta = {}
+meta.__gc = function() Cryptography.Read(tls, d, 1) setmetatable({}, meta) end
+for i = 1, 50 do setmetatable({}, meta) end
+collectgarbage("incremental", 10, 100)
+-- hex() sees the fresh buffer, or the byte a finalizer read into it first
+for i = 1, 300 do d = Cryptography.CreateRandomBytes(4000) local n = #d:hex() assert(n == 8000 or n == 2, n) end
+print("done"))lua", 0, "done\n"},
+        {"join a finalized, resurrected handle from a task", R"lua(
+local saved
+do
+  local t = Ombrix.spawn(function() coroutine.yield() return 1 end)
+  setmetatable({}, {__gc = function() saved = t end})
+end
+collectgarbage()
+print(Ombrix.join(Ombrix.spawn(function() return Ombrix.join(saved) end))))lua", 0, "1\n"},
+        {"resume a parked task by hand", R"lua(
+local socket, co = Net.Connect("127.0.0.1", tonumber(arg[2]))
+local t = Ombrix.spawn(function() co = coroutine.running() return Net.Wait(socket, "r", 300) end)
+Ombrix.spawn(function()
+  print(pcall(coroutine.resume, co))
+  print(select(2, debug.getupvalue(coroutine.resume, 1))(co))  -- the raw resume
+end)
+print(Ombrix.join(t)))lua", 0,
+         "false\tcoroutine.resume: task 1 is run by Ombrix, not by hand (Ombrix.join waits for it)\ntrue\nfalse\n"},
+    };
+    auto tls = Server("server", 300, [](SSL* ssl, int) {
+        for (int i = 0; i < 300; ++i) SSL_write(ssl, "x", 1);
+        std::this_thread::sleep_for(std::chrono::milliseconds(500));
+    });
+    int silentPort = 0;
+    const Socket silent = ListenTcp(&silentPort);
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        const ToolRun run = RunScript(c.script, {tls->port(), silentPort});
+        EXPECT_EQ(run.status, c.status) << run.output;
+        EXPECT_EQ(run.output, c.output);
+    }
+}
+
 }  // namespace
 }  // namespace Testing

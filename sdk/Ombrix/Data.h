@@ -12,27 +12,36 @@
 
 namespace Ombrix {
 
+// Aliasing: Assign and Read accept bytes inside this buffer (Assign copies
+// before it lets go of the old bytes; Read moves with memmove). A pointer
+// from GetData, View or PrepareForWriting is valid until the next Assign or
+// PrepareForWriting of this buffer, so whoever holds one must not run
+// anything that may change the buffer meanwhile (in a script host: anything
+// that can run script code). A Data is reference counted and
+// neither copied nor moved: it may hold its bytes inside itself, and a moved
+// object would point into the one it came from. Clone makes a copy.
 class Data final : public UseCounted<IDataRef> {
 public:
     Data() = default;
     explicit Data(std::string bytes) noexcept : bytes_(std::move(bytes)) {}
+    Data(const Data&) = delete;
+    Data& operator=(const Data&) = delete;
 
     static AutoRefPtr<Data> Make(std::string bytes = {}) { return AutoRefPtr<Data>(new Data(std::move(bytes))); }
 
     uint64_t GetSize() const override { return View().size(); }
     bool Assign(const char* bytes, uint64_t size) override {
+        // The bytes may be this buffer's own: copy them before the old ones go.
+        std::string copy = bytes ? std::string(bytes, size) : std::string();
         Forget();
-        if (bytes)
-            bytes_.assign(bytes, size);
-        else
-            bytes_.clear();
+        bytes_ = std::move(copy);
         return true;
     }
     uint64_t Read(char* destination, uint64_t size, uint64_t offset) const override {
         const std::string_view bytes = View();
         if (offset >= bytes.size()) return 0;
         const uint64_t count = std::min<uint64_t>(size, bytes.size() - offset);
-        std::memcpy(destination, bytes.data() + offset, count);
+        std::memmove(destination, bytes.data() + offset, count);  // the destination may be these bytes
         return count;
     }
     bool IsEqual(const IDataRef* other) const override;

@@ -144,13 +144,16 @@ int CallRoutine(lua_State* L) {
     const std::span<const AutoRefPtr<IVariant>> held(arguments, static_cast<size_t>(count));
     int results = 0;
     if (InTask(L)) {
-        const Ombrix::Host::CallHandle call =
-            engine.StartDeclaration(*declaration, std::vector<AutoRefPtr<IVariant>>(held.begin(), held.end()), function);
-        if (!engine.Finished(call)) {
+        // A call that parks owns its lent values' bytes (the engine makes them
+        // owned): the task's stack may be closed or overwritten
+        // (coroutine.close, debug.setlocal) before the call runs again.
+        CallOutcome outcome;
+        const Ombrix::Host::CallHandle call = engine.StartBorrowed(*declaration, passed, function, outcome);
+        if (call) {
             ParkTask(L, call);
             return kParked;
         }
-        results = PushOutcome(L, std::string_view(name, nameSize), engine.TakeOutcome(call));
+        results = PushOutcome(L, std::string_view(name, nameSize), outcome);
     } else {
         results = PushOutcome(L, std::string_view(name, nameSize), engine.CallBorrowed(*declaration, passed, function));
     }
@@ -160,9 +163,20 @@ int CallRoutine(lua_State* L) {
 
 }  // namespace
 
+// The continuation of a task whose call parked. Only the scheduler resumes
+// it, once the call has finished; a task resumed by other means (the raw
+// coroutine.resume, reached through the debug library) yields again and
+// goes on waiting.
 int ResumeCall(lua_State* L) {
+    const Ombrix::Host::CallHandle call = ParkedCall(L);
+    if (!call) {
+        lua_pushliteral(L, "the task's parked call is gone");
+        return -1;
+    }
+    Engine& engine = EngineOf(L);
+    if (!engine.Finished(call)) return kParked;
     const std::string name = lua_tostring(L, lua_upvalueindex(2));
-    return PushOutcome(L, name, EngineOf(L).TakeOutcome(TakeParkedCall(L)));
+    return PushOutcome(L, name, engine.TakeOutcome(TakeParkedCall(L)));
 }
 
 Engine::Fit LuaFit(const IVariant* argument, uint32_t parameterCode) {

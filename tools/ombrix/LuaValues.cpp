@@ -1,9 +1,12 @@
 #include "LuaValues.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cmath>
+#include <cstdint>
 #include <cstring>
 #include <new>
+#include <vector>
 
 #include "FileData.h"
 #include "LuaMemory.h"
@@ -23,6 +26,11 @@ constexpr char kDataMeta[] = "Ombrix.Data";
 constexpr char kObjectMeta[] = "Ombrix.Object";
 constexpr uint64_t kReadChunk = 64 * 1024;
 
+// While CloseState runs lua_close: the references of the values wrapped
+// meanwhile (by finalizers), whose userdata Lua frees without their __gc.
+const char kLateKey = 0;
+using LateReferences = std::vector<Ombrix::IObject*>;
+
 // A userdata holds one AutoRefPtr; __gc drops its reference. Functions that
 // may raise a Lua error (which unwinds with longjmp) check their arguments
 // before any C++ object with a destructor is alive, and raise only after
@@ -34,9 +42,20 @@ void PushHandle(lua_State* L, AutoRefPtr<T> value, const char* meta) {
         return;
     }
     const uint64_t outside = OutsideBytes(value.get());
+    lua_rawgetp(L, LUA_REGISTRYINDEX, &kLateKey);
+    auto* late = static_cast<LateReferences*>(lua_touserdata(L, -1));
+    lua_pop(L, 1);
     void* memory = lua_newuserdatauv(L, sizeof(AutoRefPtr<T>), 0);
+    T* object = value.get();
     new (memory) AutoRefPtr<T>(std::move(value));
     luaL_setmetatable(L, meta);
+    if (late) {
+        try {
+            late->push_back(object);
+        } catch (const std::bad_alloc&) {
+        }
+        return;
+    }
     AccountOutside(L, outside);
 }
 
@@ -47,7 +66,17 @@ AutoRefPtr<T>* TestHandle(lua_State* L, int index, const char* meta) {
 
 template <class T, const char* Meta>
 int CollectHandle(lua_State* L) {
-    if (auto* handle = TestHandle<T>(L, 1, Meta)) *handle = nullptr;
+    auto* handle = TestHandle<T>(L, 1, Meta);
+    if (!handle || !*handle) return 0;
+    // A value wrapped while the state closes and finalized after all (made
+    // before lua_close stopped finalization): CloseState must not release it.
+    lua_rawgetp(L, LUA_REGISTRYINDEX, &kLateKey);
+    if (auto* late = static_cast<LateReferences*>(lua_touserdata(L, -1))) {
+        auto it = std::find(late->begin(), late->end(), static_cast<Ombrix::IObject*>(handle->get()));
+        if (it != late->end()) late->erase(it);
+    }
+    lua_pop(L, 1);
+    *handle = nullptr;
     return 0;
 }
 
@@ -102,7 +131,25 @@ int DataFile(lua_State* L) {
     return 1;
 }
 
+// Room in the buffer for `bytes(size)` characters of the data's current
+// size, and that size. Making room may run a collection step, whose
+// finalizers may change the data; so the size is read again after each
+// reservation, until one made no new room (then no Lua ran). From the
+// returned pointer until luaL_pushresultsize no Lua may run, so the caller
+// reads the bytes only then.
+template <class Length>
+char* ReserveFor(luaL_Buffer& buffer, const IDataRef& data, uint64_t& size, Length length) {
+    for (;;) {
+        size = data.GetSize();
+        const uint64_t wanted = length(size);
+        if (wanted > static_cast<uint64_t>(PTRDIFF_MAX) / 2) luaL_error(buffer.L, "Data: too large for a Lua string");
+        char* room = luaL_prepbuffsize(&buffer, static_cast<size_t>(wanted));
+        if (data.GetSize() == size) return room;
+    }
+}
+
 int DataHex(lua_State* L) {
+    // The userdata at 1 keeps the data alive; only its bytes may change.
     IDataRef* data = CheckData(L, 1);
     if (!data) {
         lua_pushliteral(L, "");
@@ -110,36 +157,44 @@ int DataHex(lua_State* L) {
     }
     luaL_Buffer buffer;
     luaL_buffinit(L, &buffer);
+    uint64_t size = 0;
+    char* out = ReserveFor(buffer, *data, size, [](uint64_t n) { return 2 * n; });
     static constexpr char kDigits[] = "0123456789abcdef";
-    Ombrix::ForEachChunk(data, kReadChunk, [&](const char* bytes, uint64_t size) {
-        for (uint64_t i = 0; i < size; ++i) {
+    uint64_t written = 0;
+    Ombrix::ForEachChunk(data, kReadChunk, [&](const char* bytes, uint64_t count) {
+        count = std::min(count, size - written / 2);
+        for (uint64_t i = 0; i < count; ++i) {
             const auto byte = static_cast<unsigned char>(bytes[i]);
-            luaL_addchar(&buffer, kDigits[byte >> 4]);
-            luaL_addchar(&buffer, kDigits[byte & 15]);
+            out[written++] = kDigits[byte >> 4];
+            out[written++] = kDigits[byte & 15];
         }
-        return true;
+        return written / 2 < size;
     });
-    luaL_pushresult(&buffer);
+    luaL_pushresultsize(&buffer, static_cast<size_t>(written));
     return 1;
 }
 
 int DataBytes(lua_State* L) {
     IDataRef* data = CheckData(L, 1);
-    // Contiguous bytes become the string in one copy (a luaL_Buffer would copy
-    // them twice: into its box, then into the string).
+    // Contiguous bytes become the string in one copy: lua_pushlstring copies
+    // them before it can run a collection step.
     if (const char* direct = data ? data->GetData() : nullptr) {
         lua_pushlstring(L, direct, data->GetSize());
         return 1;
     }
     luaL_Buffer buffer;
     luaL_buffinit(L, &buffer);
+    uint64_t size = 0, written = 0;
     if (data) {
-        Ombrix::ForEachChunk(data, kReadChunk, [&](const char* bytes, uint64_t size) {
-            if (size) luaL_addlstring(&buffer, bytes, size);
-            return true;
+        char* out = ReserveFor(buffer, *data, size, [](uint64_t n) { return n; });
+        Ombrix::ForEachChunk(data, kReadChunk, [&](const char* bytes, uint64_t count) {
+            count = std::min(count, size - written);
+            if (bytes && count) std::memcpy(out + written, bytes, count);
+            written += count;
+            return written < size;
         });
     }
-    luaL_pushresult(&buffer);
+    luaL_pushresultsize(&buffer, static_cast<size_t>(written));
     return 1;
 }
 
@@ -214,6 +269,15 @@ void OpenValues(lua_State* L) {
     lua_setfield(L, -2, "__call");
     lua_setmetatable(L, -2);
     lua_setglobal(L, "Data");
+}
+
+void CloseState(lua_State* L) {
+    if (!L) return;
+    LateReferences late;
+    lua_pushlightuserdata(L, &late);
+    lua_rawsetp(L, LUA_REGISTRYINDEX, &kLateKey);
+    lua_close(L);
+    for (Ombrix::IObject* object : late) object->Release();
 }
 
 void PushData(lua_State* L, AutoRefPtr<IDataRef> data) { PushHandle(L, std::move(data), kDataMeta); }

@@ -22,6 +22,11 @@ using Ombrix::AutoRefPtr;
 // and `file`).
 void OpenValues(lua_State* L);
 
+// lua_close for a state with these values: finalizers that lua_close runs
+// may still wrap values, whose userdata Lua then frees without running
+// their __gc; their references are released here once the state is gone.
+void CloseState(lua_State* L);
+
 // Pushes a Data userdata sharing the buffer, or nil when it is null.
 void PushData(lua_State* L, AutoRefPtr<Ombrix::IDataRef> data);
 // The buffer of a Data userdata at index, or null when the value is not one.

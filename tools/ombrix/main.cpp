@@ -32,7 +32,7 @@ struct Session {
     std::unique_ptr<Engine> engine;
 
     void End() {
-        if (L) lua_close(std::exchange(L, nullptr));
+        OmbrixTool::CloseState(std::exchange(L, nullptr));
         engine.reset();
     }
     ~Session() { End(); }
