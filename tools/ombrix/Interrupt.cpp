@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <termios.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -11,6 +12,34 @@
 #include <cwchar>
 
 namespace OmbrixTool {
+
+namespace {
+
+struct termios startTerminal;
+
+// Runs once (SA_RESETHAND): the signal, blocked meanwhile, then ends the
+// process with its default action.
+void RestoreAndEnd(int signal) {
+    const int saved = errno;
+    tcsetattr(STDIN_FILENO, TCSANOW, &startTerminal);
+    raise(signal);
+    errno = saved;
+}
+
+}  // namespace
+
+void RestoreTerminalWhenEnded() {
+    if (tcgetattr(STDIN_FILENO, &startTerminal) != 0) return;  // not a terminal
+    struct sigaction action {};
+    action.sa_handler = RestoreAndEnd;
+    action.sa_flags = SA_RESETHAND;
+    sigemptyset(&action.sa_mask);
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
+        struct sigaction current {};
+        if (sigaction(signal, nullptr, &current) == 0 && current.sa_handler == SIG_DFL)
+            sigaction(signal, &action, nullptr);
+    }
+}
 
 namespace {
 

@@ -16,6 +16,13 @@ namespace OmbrixTool {
 void BeginInterrupts(lua_State* L);
 void EndInterrupts();
 
+// Outside the prompt: a SIGINT, SIGTERM or SIGHUP that ends the process
+// (their default meaning, kept) first puts back the terminal settings
+// standard input had here, so a script stopped while it read with echo off
+// (or a program it started did) leaves the terminal as it found it. Signals
+// the process inherited as ignored stay ignored.
+void RestoreTerminalWhenEnded();
+
 // Reading a line: Ctrl-C then makes ReadKey, the line editor's key reader
 // (rl_getc_function), return EOF, and TakeLineInterrupt tell it apart from
 // the end of input (true once per Ctrl-C).

@@ -17,6 +17,7 @@
 #include "LuaValues.h"
 #include "Tasks.h"
 #include "ModuleSearch.h"
+#include "Interrupt.h"
 #include "Prompt.h"
 #include "Version.h"
 
@@ -165,8 +166,10 @@ int main(int argc, char** argv) {
     const bool hasChunk = line.code || line.script;
     const bool prompt = OmbrixTool::WantsPrompt(line.interactive, hasChunk);
     int status = EXIT_SUCCESS;
-    if (hasChunk || !prompt)
+    if (hasChunk || !prompt) {
+        OmbrixTool::RestoreTerminalWhenEnded();
         status = Run(session, line, argc, argv);
+    }
     else
         SetArgumentTable(session.L, line, argc, argv);
     if (prompt && status == EXIT_SUCCESS)
