@@ -5,7 +5,7 @@ set -euo pipefail
 # dpkg-dev, file, lintian: building and checking the Debian packages.
 packages=(build-essential cmake ninja-build pkg-config libssl-dev openssl nlohmann-json3-dev liblua5.4-dev
           libgtest-dev googletest libbenchmark-dev libedit-dev python3 dpkg-dev file lintian
-          clang libclang-rt-14-dev llvm)
+          clang libclang-rt-dev llvm)
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
