@@ -56,6 +56,7 @@ prepare() {
   cp /etc/resolv.conf "$root/etc/resolv.conf"
   install -m 755 scripts/setup.sh "$root/usr/local/sbin/ombrix-setup"
   mount_system
+  in_root dpkg --configure -a  # finishes an installation an earlier run was stopped in
   in_root ombrix-setup
   unmount_all
 }
