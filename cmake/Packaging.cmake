@@ -41,4 +41,17 @@ the reference engine that loads modules, binds their routines and runs calls.
 Found by CMake with find_package(OmbrixSDK CONFIG) and by pkg-config as
 ombrix-sdk and ombrix-host.")
 
+# Packages are made from a hardened, optimised build only (cmake/Hardening.cmake):
+# cpack refuses any other, so no unhardened binary ships by mistake.
+set(CPACK_OMBRIX_HARDENED OFF)
+if(OMBRIX_HARDENED AND CMAKE_BUILD_TYPE MATCHES "^(Release|RelWithDebInfo|MinSizeRel)$")
+  set(CPACK_OMBRIX_HARDENED ON)
+endif()
+set(CPACK_PROJECT_CONFIG_FILE ${PROJECT_BINARY_DIR}/CPackHardened.cmake)
+file(WRITE ${CPACK_PROJECT_CONFIG_FILE} [[
+if(NOT CPACK_OMBRIX_HARDENED)
+  message(FATAL_ERROR "Debian packages need a hardened Release or RelWithDebInfo build (OMBRIX_HARDEN, no sanitizer)")
+endif()
+]])
+
 include(CPack)

@@ -8,7 +8,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 dir=${1:-build-fuzz}
 seconds=${2:-5}
-cmake -S . -B "$dir" -G Ninja -DCMAKE_CXX_COMPILER=clang++ -DOMBRIX_FUZZ=ON -DOMBRIX_TESTS=OFF \
+cmake -S . -B "$dir" -G Ninja -DCMAKE_CXX_COMPILER=clang++ -DOMBRIX_FUZZ=ON -DOMBRIX_TESTS=OFF -DOMBRIX_WERROR=ON \
   ${CMAKE_CXX_COMPILER_LAUNCHER:+-DCMAKE_CXX_COMPILER_LAUNCHER=$CMAKE_CXX_COMPILER_LAUNCHER} >/dev/null
 targets=$(awk '/^set\(FUZZ_TARGETS/,/\)/' fuzz/CMakeLists.txt | sed 's/set(FUZZ_TARGETS//; s/)//' | xargs)
 [ -n "$targets" ] || { echo "no fuzz targets found" >&2; exit 1; }

@@ -64,7 +64,8 @@ TEST_F(MacTest, WycheproofHmacSha256) {
     ForEachVector("hmac_sha256_test.json", 0, {{"valid", 66}, {"invalid", 108}}, [&](const auto& group, const auto& test) {
         const std::string mac = Hmac("SHA256", Field(test, "key"), Field(test, "msg"));
         ASSERT_EQ(mac.size(), 64u);
-        EXPECT_EQ(mac.substr(0, size_t(group["tagSize"]) / 4) == test["tag"], test["result"] == "valid");
+        const auto tag = test["tag"].template get<std::string>();
+        EXPECT_EQ(mac.substr(0, size_t(group["tagSize"]) / 4) == tag, test["result"] == "valid");
     });
 }
 
@@ -85,7 +86,7 @@ TEST_F(MacTest, WycheproofPbkdf2HmacSha256) {
     ForEachVector("pbkdf2_hmacsha256_test.json", 0, {{"valid", 60}}, [&](const auto&, const auto& test) {
         const auto outcome = Pbkdf2(Field(test, "password"), Field(test, "salt"), test["iterationCount"], "SHA256",
                                     test["dkLen"]);
-        EXPECT_EQ(HexResult(outcome), test["dk"]);
+        EXPECT_EQ(HexResult(outcome), test["dk"].template get<std::string>());
     });
 }
 
