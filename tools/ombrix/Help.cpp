@@ -129,7 +129,7 @@ std::vector<std::string> Ordered(Engine& engine, const std::string& space) {
 std::string Listing(Engine& engine) {
     constexpr size_t kColumn = 36, kLine = 100;
     std::string text =
-        "Namespaces and routines; Ombrix.help(\"Namespace.Name\") prints one entry, "
+        "Namespaces and routines; Ombrix.help(\"Namespace.Name\") prints one entry,\n"
         "Ombrix.help(\"Title\") a section.\n";
     std::vector<std::string> spaces = engine.Namespaces();
     // Namespaces the reference describes first.
