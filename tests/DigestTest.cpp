@@ -49,28 +49,15 @@ TEST_F(DigestTest, FailuresReportAndReturnEmpty) {
     for (const auto& c : cases) ExpectEmptyResult(c.message, CallEntry(c.routine, c.args), c.message);
 }
 
-// A scratch folder holding a FIFO without a writer, removed afterwards.
-struct SpecialFiles {
-    SpecialFiles() {
-        EXPECT_NE(::mkdtemp(folder.data()), nullptr);
-        fifo = folder + "/fifo";
-        EXPECT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
-    }
-    ~SpecialFiles() {
-        ::unlink(fifo.c_str());
-        ::rmdir(folder.c_str());
-    }
-    std::string folder = "/tmp/ombrix-special-XXXXXX";
-    std::string fifo;
-};
-
 // Only regular files and character devices are read. Anything else is
 // reported as not openable, at once: a FIFO nobody writes to must not block.
 TEST_F(DigestTest, NonFilesAreNotOpenedAndNeverBlock) {
-    const SpecialFiles special;
+    const TempDir dir;
+    const std::string fifo = dir.path + "/fifo";  // without a writer
+    ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
     const struct { std::string path; std::string message; } cases[] = {
-        {special.folder, "File \"" + special.folder + "\" can't be opened!"},
-        {special.fifo, "File \"" + special.fifo + "\" can't be opened!"},
+        {dir.path, "File \"" + dir.path + "\" can't be opened!"},
+        {fifo, "File \"" + fifo + "\" can't be opened!"},
         {"/dev/null", ""},  // a character device: read to its end
     };
     for (const auto& c : cases) {

@@ -8,11 +8,6 @@ namespace {
 
 using Ordered = nlohmann::ordered_json;
 
-std::string TextOf(const CallOutcome& outcome) {
-    const auto json = outcome.result ? outcome.result->ObjectValue().DynamicCast<Ombrix::IJSON>() : nullptr;
-    return json ? json->ToJSONText() : "(no JSON)";
-}
-
 // The member names of an object, in their order, joined by commas.
 std::string Keys(const Ordered& object) {
     std::string keys;
@@ -60,7 +55,7 @@ TEST_F(JsonOrder, SavingAndRestoringKeepsTheOrder) {
 // Members in the order they are set; name entries in the order of the name,
 // a repeated attribute keeping its first place and its last value.
 TEST_F(JsonOrder, CertificateDescriptionFollowsTheCertificate) {
-    const Ordered described = Ordered::parse(TextOf(Call("Cryptography.PEMToJson", {Str(CertFixture("server.pem"))})));
+    const Ordered described = Ordered::parse(JsonText(Call("Cryptography.PEMToJson", {Str(CertFixture("server.pem"))})));
     const struct { std::string what; std::string actual, expected; } cases[] = {
         {"top", Keys(described), "subject,issuer,serial,notBefore,notAfter,version,fingerprint,signatureAlgorithm,extension"},
         {"subject", Keys(described["subject"]), "countryName,organizationName,organizationalUnitName,commonName"},

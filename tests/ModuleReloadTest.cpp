@@ -15,17 +15,6 @@ bool ModuleMapped() {
     return handle != nullptr;
 }
 
-Engine::Options Numbering(uint32_t firstCustomBase) {
-    Engine::Options options;
-    options.firstCustomBase = firstCustomBase;
-    return options;
-}
-
-std::string JsonText(const CallOutcome& outcome) {
-    const auto json = outcome.result ? outcome.result->ObjectValue().DynamicCast<Ombrix::IJSON>() : nullptr;
-    return json ? json->ToJSONText() : "(no JSON)";
-}
-
 // What one round of calls through an engine gives: digest, key, certificate,
 // JSON, and whether each value carries the type code this engine handed out.
 std::vector<std::string> Round(Engine& engine) {
@@ -72,8 +61,9 @@ TEST(ModuleReload, HundredCyclesStartFresh) {
     const uint32_t bases[] = {Ombrix::kBaseFirstCustom, 9, 17, 40, Ombrix::kBaseFirstCustom + 1};
     for (uint32_t cycle = 0; cycle < 100; ++cycle) {
         {
-            const uint32_t base = bases[cycle % std::size(bases)];
-            Engine engine(Numbering(base));
+            Engine::Options numbering;
+            const uint32_t base = numbering.firstCustomBase = bases[cycle % std::size(bases)];
+            Engine engine(numbering);
             EXPECT_EQ(engine.FindType("JSON"), Ombrix::MakeTypeCode(base, Ombrix::Container::Single));
             engine.Load(CRYPTOGRAPHY_MODULE_PATH);
             ASSERT_TRUE(ModuleMapped());

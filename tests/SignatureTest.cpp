@@ -1,7 +1,6 @@
 // Sign and Verify against the openssl command and Wycheproof RSA PKCS#1 v1.5; reports in order.
-#include <nlohmann/json.hpp>
-
 #include "KeysSupport.h"
+#include "VectorSupport.h"
 
 namespace Testing {
 namespace {
@@ -92,29 +91,19 @@ TEST_F(SignatureTest, VerifyErrorsComeInTheirOrder) {
 }
 
 TEST_F(SignatureTest, WycheproofRsaPkcs1Sha256) {
-    const auto vectors = nlohmann::json::parse(ReadFile(DataPath("wycheproof/rsa_signature_2048_sha256_test.json")));
-    int checked = 0;
-    for (const auto& group : vectors.at("testGroups")) {
-        const std::string pem = group.at("publicKeyPem");
-        const KeyValue rebuilt = ObjectOf(Call("Cryptography.GeneratePublicKey",
-                                               {Str(group.at("keyJwk").at("n")), Str(group.at("keyJwk").at("e"))}));
+    ForEachVector("rsa_signature_2048_sha256_test.json", 0, {{"valid", 9}, {"invalid", 249}, {"acceptable", 1}},
+                  [&](const auto& group, const auto& t) {
+        const std::string pem = group["publicKeyPem"], message = Field(t, "msg"), signature = Field(t, "sig");
+        const KeyValue rebuilt = ObjectOf(Call("Cryptography.GeneratePublicKey", {Str(group["keyJwk"]["n"]), Str(group["keyJwk"]["e"])}));
         ASSERT_EQ(Text("Cryptography.PublicToPEM", rebuilt), pem);
-        for (const auto& test : group.at("tests")) {
-            SCOPED_TRACE("tcId " + std::to_string(test.at("tcId").get<int>()));
-            const std::string message = Unhex(test.at("msg").get<std::string>());
-            const std::string signature = Unhex(test.at("sig").get<std::string>());
-            const std::string result = test.at("result");
-            for (const Args& args : {Args{Str(message), Dat(pem), Str("SHA256"), Dat(signature)},
-                                     Args{Dat(message), Obj(rebuilt), Str("SHA256"), Dat(signature)}}) {
-                const CallOutcome outcome = Call("Cryptography.VerifySignature", args);
-                if (result != "acceptable") { EXPECT_EQ(outcome.result->GetBoolean(), result == "valid"); }
-                // A refused signature is reported once; an accepted one not at all.
-                EXPECT_EQ(outcome.errors.size(), outcome.result->GetBoolean() ? 0u : 1u);
-            }
-            ++checked;
+        for (const Args& args : {Args{Str(message), Dat(pem), Str("SHA256"), Dat(signature)},
+                                 Args{Dat(message), Obj(rebuilt), Str("SHA256"), Dat(signature)}}) {
+            const CallOutcome outcome = Call("Cryptography.VerifySignature", args);
+            if (t["result"] != "acceptable") { EXPECT_EQ(outcome.result->GetBoolean(), t["result"] == "valid"); }
+            // A refused signature is reported once; an accepted one not at all.
+            EXPECT_EQ(outcome.errors.size(), outcome.result->GetBoolean() ? 0u : 1u);
         }
-    }
-    EXPECT_EQ(checked, vectors.at("numberOfTests").get<int>());
+    });
     ExpectErrorQueueEmpty();
 }
 

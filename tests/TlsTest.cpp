@@ -74,8 +74,10 @@ TEST_F(TlsTest, ConfigurationFailuresGoToStateAndMessage) {
     }
 }
 
-// OpenSSL's default CA file is pointed at the test CA, so a configuration
-// without a CA of its own connects only when it loads the defaults.
+// OpenSSL's default CA file is pointed at a copy of the test CA, so a
+// configuration without a CA of its own connects only when it loads the
+// defaults. Sessions with the default CA locations share one store, which
+// follows each change of that file (content, replacement, removal).
 TEST_F(TlsTest, HandshakeVerifiesAsConfigured) {
     ServerOptions options;
     options.clientCA = TlsFile("ca.pem");
@@ -84,14 +86,16 @@ TEST_F(TlsTest, HandshakeVerifiesAsConfigured) {
         X509_NAME_oneline(X509_get_subject_name(SSL_get0_peer_certificate(ssl)), subject, sizeof subject);
         SSL_write(ssl, subject, static_cast<int>(std::strlen(subject)));
     });
-    ::setenv("SSL_CERT_FILE", TlsFile("ca.pem").c_str(), 1);
-    ::setenv("SSL_CERT_DIR", TlsFile("").c_str(), 1);  // holds no hashed certificate names
-    const json clientCert = {{"Cert", TlsFile("client.pem")}, {"Key", TlsFile("client.key")}}, other = TlsFile("other-ca.pem");
+    TempDir dir;
+    const std::string trusted = ReadFile(TlsFile("ca.pem")), caFile = dir.Write("bundle.pem", trusted);
+    ::setenv("SSL_CERT_FILE", caFile.c_str(), 1);
+    ::setenv("SSL_CERT_DIR", dir.path.c_str(), 1);  // holds no hashed certificate names
+    const json clientCert = {{"Cert", TlsFile("client.pem")}, {"Key", TlsFile("client.key")}}, otherCA = TlsFile("other-ca.pem");
     const struct { json configuration; bool connects; } cases[] = {
         {kVerifying, true},
         {{{"CAFile", TlsFile("ca.pem")}, {"Host", "www.example.org"}}, false},
-        {{{"CAFile", other}}, false},
-        {{{"CAFile", other}, {"Verify", false}}, true},
+        {{{"CAFile", otherCA}}, false},
+        {{{"CAFile", otherCA}, {"Verify", false}}, true},
         {json::object(), true},  // the defaults
         {{{"Verify", true}}, false},
         {{{"Verify", true}, {"LoadDefaultCAPaths", true}}, true},
@@ -115,6 +119,19 @@ TEST_F(TlsTest, HandshakeVerifiesAsConfigured) {
         auto received = Bytes("");
         EXPECT_EQ(Read(clone, received, 1000), 22) << Error(clone);
         EXPECT_EQ(Ombrix::DataBytes(received).view(), "/CN=Ombrix Test Client");
+    }
+    const std::string other = ReadFile(TlsFile("other-ca.pem"));
+    const struct { const char* step; std::optional<std::string> content; bool connects; } steps[] = {
+        {"no file", std::nullopt, false}, {"another CA", other, false}, {"both", other + trusted, true},
+        {"removed", std::nullopt, false}, {"back", trusted, true},
+    };
+    for (const auto& s : steps) {
+        SCOPED_TRACE(s.step);
+        std::filesystem::remove(caFile);
+        if (s.content) dir.Write("bundle.pem", *s.content);
+        Session session = NewSession(clientCert);
+        Socket socket = ConnectTcp(server.port());
+        EXPECT_EQ(Connect(session, socket.fd), s.connects) << Error(session);
     }
     ::unsetenv("SSL_CERT_FILE");
     ::unsetenv("SSL_CERT_DIR");
@@ -210,41 +227,6 @@ TEST_F(TlsTest, NonBlockingHandshakeAndWriteCompleteOnRetry) {
     std::future<std::string> arrived = received.get_future();
     ASSERT_EQ(arrived.wait_for(std::chrono::seconds(10)), std::future_status::ready);
     EXPECT_EQ(arrived.get(), sent);
-}
-
-}  // namespace
-}  // namespace Testing
-
-namespace Testing {
-namespace {
-
-// Sessions with the default CA locations share one store, which follows each
-// change of the file SSL_CERT_FILE names (content, replacement, removal).
-TEST_F(TlsTest, DefaultCAStoreFollowsTheCAFile) {
-    TlsServer server(ServerOptions{}, [](SSL* ssl, int) { SSL_write(ssl, "hi", 2); });
-    TempDir dir;
-    const std::string caFile = dir.path + "/bundle.pem";
-    ::setenv("SSL_CERT_FILE", caFile.c_str(), 1);
-    ::setenv("SSL_CERT_DIR", dir.path.c_str(), 1);  // holds no hashed certificate names
-    const std::string trusted = ReadFile(TlsFile("ca.pem")), other = ReadFile(TlsFile("other-ca.pem"));
-    const struct { const char* step; std::optional<std::string> content; bool connects; } steps[] = {
-        {"no file", std::nullopt, false},
-        {"the server's CA", trusted, true},
-        {"another CA", other, false},
-        {"both", other + trusted, true},
-        {"removed", std::nullopt, false},
-        {"back", trusted, true},
-    };
-    for (const auto& s : steps) {
-        SCOPED_TRACE(s.step);
-        std::filesystem::remove(caFile);
-        if (s.content) dir.Write("bundle.pem", *s.content);
-        Session session = NewSession(json::object());
-        Socket socket = ConnectTcp(server.port());
-        EXPECT_EQ(Connect(session, socket.fd), s.connects) << Error(session);
-    }
-    ::unsetenv("SSL_CERT_FILE");
-    ::unsetenv("SSL_CERT_DIR");
 }
 
 }  // namespace

@@ -18,14 +18,6 @@ check.each({
   check.truthy(not ok and rawequal(again, err), "rethrown error is the same object")
 end)
 
--- Argument statuses: the first bad argument decides the message.
-check.each({
-  {f = JSON.Set, args = {n = 1, JSON.FromString("{}")}, message = "missing parameter 2 in function 'JSON.Set'"},
-  {f = JSON.ToString, args = {n = 1, nil}, message = "invalid object used for parameter 1 in function 'JSON.ToString'"},
-}, function(case)
-  check.equal(check.raises(function() return case.f(table.unpack(case.args, 1, case.args.n)) end), case.message, "message")
-end)
-
 check.raises(function() return Cryptography.NoSuchRoutine end, "unknown routine 'Cryptography.NoSuchRoutine'")
 check.raises(function() return Ombrix.new("No.Such.Type") end, "unknown type 'No.Such.Type'")
 print("errors: ok")

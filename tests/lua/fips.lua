@@ -1,6 +1,8 @@
--- What each routine family gives in FIPS mode with OpenSSL's FIPS provider.
--- The table below is the "FIPS mode" section of docs/reference.md: every run
--- checks that section against it. With "fips" after DATA_DIR (as
+-- What each routine family gives in FIPS mode with OpenSSL's FIPS provider,
+-- as the table of the "FIPS mode" section of docs/reference.md says: the
+-- script reads its rows (family, call, outcome) and fixture names from there.
+-- Every run checks that the rows read and that the OpenSSL text the section
+-- quotes is the running OpenSSL's. With "fips" after DATA_DIR (as
 -- scripts/test-fips.sh runs it: FIPS mode wanted, the provider active) it
 -- also makes every call and checks every outcome; with "without-provider"
 -- (FIPS mode wanted, no FIPS provider) it checks what the section says of
@@ -19,99 +21,14 @@ local function errorText(code)
 end
 local function reason(code) return errorText(code):match(":([^:]+)$") end
 
-local digestInit = "Error.Ombrix.FunctionError: Error on 'EVP_DigestInit'. Status: 0"
-local encryptInit = "Error.Ombrix.FunctionError: Error on 'EVP_EncryptInit'. Status: 0"
-local chachaSetup = "Error.Ombrix.FunctionError: Setting up cipher context failed!"
-local cannotSign = "Error.Ombrix.FunctionError: RSASignMessage didn't work!"
+-- OpenSSL's own text the reference quotes, by the packed error code it comes
+-- from: the reason, or (when the outcome quotes OpenSSL's error line) the line.
+-- Every run checks that the section quotes the running OpenSSL's text.
+local quoted = {reason("020000AE"), errorText("02000068"), reason("0A000410"), reason("0308010C")}
 
--- Routine family, call (Lua, routines without their "Cryptography." prefix,
--- the fixtures below in scope), outcome: "works" (a non-empty result, a
--- valid key or certificate), "empty" (an empty result, no error), "true",
--- "gives <text>", or "<error id>: <message>"; or, where the FIPS provider's
--- rules changed between OpenSSL versions, one of those by provider version.
-local cases = {
-  {"Digests", 'Hash("SHA256", "abc")', "works"},
-  {"Digests", 'Hash("SHA3-256", "abc")', "works"},
-  {"Digests", 'HashFile("SHA1", textFile)', "works"},
-  {"Digests", 'Hash("MD5", "abc")', digestInit},
-  {"Random data", "CreateRandomBytes(32)", "works"},
-  {"Random data", "CreateRandomUUID()", "works"},
-  {"Random data", "CreateRandomBytesAsBase64URLString(16)", "works"},
-  {"HMAC and key derivation", 'HMAC("SHA256", "k", "abc")', "works"},
-  {"HMAC and key derivation", 'HMAC("MD5", "key", "abc")', "Error.Ombrix.FunctionError: HMAC generation failed!"},
-  {"HMAC and key derivation", 'PKCS5PBKDF2HMAC(Data("a long pass phrase"), salt16, 1000, "SHA256", 32)', "works"},
-  {"HMAC and key derivation", 'PKCS5PBKDF2HMAC(Data("pw"), Data("salt"), 1, "SHA256", 8)', "works"},
-  {"HMAC and key derivation", 'PKCS5PBKDF2HMAC(Data("a long pass phrase"), salt16, 1000, "MD5", 32)',
-   'Error.Ombrix.FunctionError: PKCS5_PBKDF2_HMAC with digest "MD5" failed!'},
-  {"HMAC and key derivation", 'BytesToKey("AES-256-CBC", "SHA256", Data("secret"), Data("8bytesal"), 1)', "works"},
-  {"HMAC and key derivation", 'BytesToKey("AES-256-CBC", "MD5", Data("secret"), Data("8bytesal"), 1)', "empty"},
-  {"Authenticated encryption",
-   'DecryptAndVerify(EncryptAndAuth(Data("text"), "AES-256-GCM", key32, "aad", 16), "AES-256-GCM", key32, "aad", 16)',
-   "gives text"},
-  {"Authenticated encryption", 'EncryptAndAuth("text", "AES-128-GCM", key16, "", 12)', "works"},
-  {"Authenticated encryption", 'EncryptAEADCHACHA20POLY1305("text", key32, nonce12, "aad")', chachaSetup},
-  {"Authenticated encryption", 'DecryptAEADCHACHA20POLY1305(Data("text"), tag16, key32, nonce12, "aad")', chachaSetup},
-  {"Raw ciphers", 'Decrypt("AES-256-CBC", Encrypt("AES-256-CBC", "text", key32, iv16), key32, iv16)', "gives text"},
-  {"Raw ciphers", 'Decrypt("DES-EDE3-CBC", Encrypt("DES-EDE3-CBC", "text", key24, iv8), key24, iv8)', "gives text"},
-  {"Raw ciphers", 'Encrypt("DES-CBC", "text", key8, iv8)', encryptInit},
-  {"Raw ciphers", 'Encrypt("ChaCha20", "text", key32, iv16)', encryptInit},
-  {"Raw ciphers", 'Decrypt("BF-CBC", Data("8 bytes!"), key16, iv8)',
-   "Error.Ombrix.FunctionError: Error on 'EVP_DecryptInit_ex'. Status: 0"},
-  {"Keys", "GenerateRSAKey(2048)", "works"},
-  {"Keys", "GenerateRSAKey(1024)",
-   "Error.Ombrix.FunctionError: Generation of RSA key, failure reason:[" .. reason("020000AE") .. "]"},
-  {"Keys", "GenerateECKey()", "works"},
-  {"Keys", "GenerateX25519Key()", {["3.0"] = "works", ["3.5"] = "empty"}},
-  {"Keys", "GeneratePublicKey(GetModulus(rsa2048), GetExponent(rsa2048))", "works"},
-  {"Keys", "EncodePrivateKey(p256)", "works"},
-  {"Keys", "KeyFromPEM(pkcs8Pem, password)", "works"},
-  {"Keys", "KeyFromPEM(legacyEncryptedPem, password)", "empty"},
-  {"Signatures", 'Sign("message", rsa2048, "SHA256")', "works"},
-  {"Signatures", 'Sign("message", rsa3072, "SHA384")', "works"},
-  {"Signatures", 'VerifySignature("message", p256, "SHA256", Sign("message", p256, "SHA256"))', "true"},
-  {"Signatures", 'Sign("message", rsa1024, "SHA256")', cannotSign},
-  {"Signatures", 'Sign("message", p256, "SHA1")', {["3.0"] = cannotSign, ["3.5"] = "works"}},
-  {"Signatures", 'VerifySignature("other", rsa2048, "SHA256", Sign("message", rsa2048, "SHA256"))',
-   "Error.Ombrix.FunctionError: Error on 'EVP_VerifyFinal': " .. errorText("02000068")},
-  {"Certificates", 'GetDigestFromCert("SHA256", caCert)', "works"},
-  {"Certificates", 'GetDigestFromCert("MD5", caCert)', "Error.Ombrix.FunctionError: Digest couldn't be created."},
-  {"Certificates", "HasIssued(caCert, serverCert)", "true"},
-  {"Certificates", "PEMToJson(caPem)", "works"},
-  {"Certificates", "selfIssued(p256)", "true"},
-  {"Certificates", "selfIssued(rsa1024)", "false"},
-  {"Certificates", 'X509FetchFromServer("127.0.0.1", server(""))', "works"},
-  {"TLS client", 'tls(server(""))', "true"},
-  {"TLS client", 'tls(server("-tls1_2"))', "true"},
-  {"TLS client", 'tls(server("-groups X25519"))',
-   {["3.0"] = "true", ["3.5"] = "gives state -1: SSL_connect failed: " .. reason("0A000410") .. ". "}},
-  {"TLS client", 'tls(server("-ciphersuites TLS_CHACHA20_POLY1305_SHA256"))',
-   "gives state -1: SSL_connect failed: " .. reason("0A000410") .. ". "},
-  {"TLS client", 'tls(server("-tls1_2 -cipher ECDHE-ECDSA-CHACHA20-POLY1305"))',
-   "gives state -1: SSL_connect failed: " .. reason("0A000410") .. ". "},
-}
-
--- Fixtures: name, what the reference says it is, how it is made.
 local function read(path) local f = assert(io.open(path, "rb")) local text = f:read("a") f:close() return text end
 local tlsDir = dataDir .. "/tls/"
 local servers = {}
-local fixtures = {
-  {"key8, key16, key24, key32", "raw keys of that many bytes"},
-  {"iv8, iv16, nonce12, tag16, salt16", "DATAREFs of that many bytes"},
-  {"textFile", "the path of a small file"},
-  {"rsa2048, p256", "an RSA 2048-bit key read from PEM, a key of `GenerateECKey()`"},
-  {"rsa3072", "a key of `GenerateRSAKey(3072)`"},
-  {"rsa1024", "an RSA 1024-bit key made by the `openssl` command outside FIPS mode"},
-  {"pkcs8Pem, legacyEncryptedPem, password", "an RSA key encrypted as PKCS#8 (AES-256-CBC, PBKDF2) and " ..
-     "the same key in the legacy PEM encryption (AES-128-CBC, key from MD5), and their pass phrase"},
-  {"caPem, caCert, serverCert", "a CA certificate (PEM text, read) and a server certificate it issued"},
-  {"selfIssued(key)", "builds a version 3 CA certificate for `key` as in Common jobs, signs it with `key` " ..
-     "and gives `HasIssued(cert, cert)`"},
-  {"server(options)", "starts `openssl s_server` with these options outside FIPS mode, for one " ..
-     "connection, and gives its port"},
-  {"tls(port)", "`CreateSSL` (verifying the server), `Connect` on a blocking socket, a line written " ..
-     "and read back; gives true, or the session's `State` and `Error`"},
-}
-
 local function makeFixtures()
   local env = {
     key8 = ("k"):rep(8), key16 = ("k"):rep(16), key24 = ("k"):rep(24), key32 = ("k"):rep(32),
@@ -176,41 +93,45 @@ local function makeFixtures()
   end})
 end
 
--- The reference's wording of an outcome.
-local function described(outcome)
-  if type(outcome) == "table" then
-    local versions, parts = {}, {}
-    for version in pairs(outcome) do versions[#versions + 1] = version end
-    table.sort(versions)
-    for _, version in ipairs(versions) do parts[#parts + 1] = version .. ": " .. described(outcome[version]) end
-    return table.concat(parts, "; ")
+-- An outcome in the reference's words, in the terms outcomeOf below gives:
+-- "works", "empty", "true", "false", "gives <text>", "<error id>: <message>",
+-- or those by FIPS provider version ("3.0: works; 3.5: empty result, no error").
+local function outcomeFrom(text, row)
+  if text:match("^%d+%.%d+: ") then
+    local byVersion = {}
+    for version, outcome in (text .. "; "):gmatch("(%d+%.%d+): (.-); ") do byVersion[version] = outcomeFrom(outcome, row) end
+    return byVersion
   end
-  if outcome == "works" then return "works" end
-  if outcome == "empty" then return "empty result, no error" end
-  if outcome == "true" or outcome == "false" then return "`" .. outcome .. "`" end
-  local given = outcome:match("^gives (.*)$")
-  if given then return "gives `" .. given .. "`" end
-  local id, message = outcome:match("^(Error%.[%w.]+): (.*)$")
-  return "`" .. assert(id, outcome) .. "` `" .. message .. "`"
+  if text == "works" then return "works" end
+  if text == "empty result, no error" then return "empty" end
+  local word = text:match("^`(%a+)`$")
+  if word == "true" or word == "false" then return word end
+  local given = text:match("^gives `(.*)`$")
+  if given then return "gives " .. given end
+  local id, message = text:match("^`(Error%.[%w.]+)` `(.*)`$")
+  return assert(id, "reference FIPS table row " .. row .. ": unknown outcome " .. text) .. ": " .. message
 end
 
--- The reference's section, between its heading and the next one.
+-- The reference's section, between its heading and the next one: its table
+-- (family, call, outcome) and the fixture names of its "Where:" list.
 local reference = read(arg[0]:match("^(.*/)") .. "../../docs/reference.md")
 local section = assert(reference:match("\n## FIPS mode\n(.-)\n## "), "docs/reference.md has a FIPS mode section")
-local expected = {"| Family | Call | Outcome |", "|---|---|---|"}
-for _, case in ipairs(cases) do
-  expected[#expected + 1] = ("| %s | `%s` | %s |"):format(case[1], case[2], described(case[3]))
-end
-for _, fixture in ipairs(fixtures) do expected[#expected + 1] = ("- `%s`: %s."):format(fixture[1], fixture[2]) end
-local found = {}
+local cases, fixtureNames = {}, {}
 for line in section:gmatch("[^\n]+") do
-  if line:match("^|") or line:match("^%- `[^`]*`: ") then found[#found + 1] = line end
+  local family, call, outcome = line:match("^| ([^|`]-) | `(.-)` | (.-) |$")
+  if family then
+    cases[#cases + 1] = {family, call, outcomeFrom(outcome, #cases + 1)}
+  elseif line:match("^|") then
+    check.truthy(line == "| Family | Call | Outcome |" or line == "|---|---|---|", "a table row: " .. line)
+  end
+  for name in (line:match("^%- `([^`]*)`: ") or ""):gmatch("(%w+)[^,]*") do fixtureNames[name] = true end
 end
-for i = 1, math.max(#expected, #found) do
-  check.equal(found[i], expected[i], "reference FIPS table line " .. i)
+check.truthy(#cases >= 40, "the reference's FIPS table has its rows")
+for _, text in ipairs(quoted) do
+  check.truthy(section:find(text, 1, true), "the FIPS section quotes the running OpenSSL's text " .. text)
 end
 
-if mode == nil then print("fips: the reference's table matches (calls not made: FIPS mode not asked for)") return end
+if mode == nil then print("fips: the reference's table reads (calls not made: FIPS mode not asked for)") return end
 check.equal(Cryptography.FIPSMode(), 1, "FIPS mode")
 
 if mode == "without-provider" then
@@ -251,19 +172,15 @@ local function outcomeOf(ok, value)
 end
 
 local env = makeFixtures()
-check.each((function()
-  local list = {}
-  for _, case in ipairs(cases) do
-    local outcome = case[3]
-    if type(outcome) == "table" then outcome = assert(outcome[series], "no outcome for FIPS provider " .. series) end
-    list[#list + 1] = {name = case[2], family = case[1], outcome = outcome}
-  end
-  return list
-end)(), function(case)
-  local ok, value = pcall(assert(load("return " .. case.name, "=" .. case.name, "t", env)))
+for name in pairs(fixtureNames) do check.truthy(rawget(env, name) ~= nil, "fixture " .. name .. " is made") end
+for name in pairs(env) do check.truthy(fixtureNames[name], "fixture " .. name .. " is in the reference's list") end
+check.each(cases, function(case)
+  local outcome = case[3]
+  if type(outcome) == "table" then outcome = assert(outcome[series], "no outcome for FIPS provider " .. series) end
+  local ok, value = pcall(assert(load("return " .. case[2], "=" .. case[2], "t", env)))
   local got = outcomeOf(ok, value)
-  if case.outcome == "works" and got:match("^gives ") then got = "works" end
-  check.equal(got, case.outcome, case.family)
+  if outcome == "works" and got:match("^gives ") then got = "works" end
+  check.equal(got, outcome, case[1] .. ": " .. case[2])
 end)
 for _, pipe in ipairs(servers) do pipe:close() end
 print(("fips: %d calls gave the reference's outcomes (FIPS provider %s)"):format(#cases, series))

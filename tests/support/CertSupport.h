@@ -10,10 +10,14 @@ namespace Testing {
 inline std::string CertFixturePath(const std::string& name) { return DataPath("certs/" + name); }
 inline std::string CertFixture(const std::string& name) { return ReadFile(CertFixturePath(name)); }
 
-// The JSON value a result holds (null when none).
-inline nlohmann::json JsonResult(const CallOutcome& outcome) {
+// The JSON text a result holds, members in their order ("" when none), and its value (null when none).
+inline std::string JsonText(const CallOutcome& outcome) {
     const auto json = outcome.result ? outcome.result->ObjectValue().DynamicCast<Ombrix::IJSON>() : nullptr;
-    return json ? nlohmann::json::parse(json->ToJSONText()) : nlohmann::json();
+    return json ? json->ToJSONText() : "";
+}
+inline nlohmann::json JsonResult(const CallOutcome& outcome) {
+    const std::string text = JsonText(outcome);
+    return text.empty() ? nlohmann::json() : nlohmann::json::parse(text);
 }
 
 class CertTest : public ModuleTest {
