@@ -10,6 +10,7 @@
 #include <climits>
 #include <csignal>
 #include <cwchar>
+#include <initializer_list>
 
 namespace OmbrixTool {
 
