@@ -32,11 +32,12 @@ TEST_F(Gcm, WycheproofVectorsAsTokens) {
 }
 
 // Both sealing forms give a token with a fresh IV; both opening forms give the plaintext back.
-TEST_F(Gcm, TokenRoundTrip) {
-    const std::string key(32, 'K');
-    const struct { const char* cipher; std::string plain, aad; int tag; } cases[] = {
+// Every failure is reported with its text.
+TEST_F(Gcm, TokenRoundTripAndFailures) {
+    const std::string key(32, 'K'), gcm = "AES-256-GCM", refusal = " is only for GCM cipher implemented!";
+    const struct { const char* cipher; std::string plain, aad; int tag; } trips[] = {
         {"AES-256-GCM", "hi", "", 16}, {"id-aes128-GCM", std::string(1000, '\0'), "aad", 4}};
-    for (const auto& [cipher, plain, aad, tag] : cases) {
+    for (const auto& [cipher, plain, aad, tag] : trips) {
         const std::string token = ResultString(Run("EncryptAndAuth", Str(plain), cipher, key, aad, tag));
         const std::string other = ResultString(Run("EncryptAndAuthDataRef", Dat(plain), cipher, key, aad, tag));
         EXPECT_EQ(Base64Decode(token).size(), 12 + tag + plain.size());
@@ -44,15 +45,9 @@ TEST_F(Gcm, TokenRoundTrip) {
         EXPECT_EQ(ResultString(Run("DecryptAndVerify", Str(token), cipher, key, aad, tag)), plain);
         EXPECT_TRUE(ResultBytes(Run("DataRefDecryptAndVerify", Str(other), cipher, key, aad, tag)) == plain);
     }
-}
-
-TEST_F(Gcm, FailuresAreReportedWithTheirTexts) {
-    const std::string key(32, 'K'), gcm = "AES-256-GCM", refusal = " is only for GCM cipher implemented!";
     const std::string token = ResultString(Run("EncryptAndAuth", Str("secret"), gcm, key, "aad", 16));
-    std::string tampered = Base64Decode(token);
-    tampered[30] ^= 1;
     const std::string sealRefusal = "Cryptography.EncryptAndAuth" + refusal;
-    const std::string bad = "Bad format!", failed = "Decryption failed!", getTag = "Getting EVP_CTRL_GCM_GET_TAG failed!";
+    const std::string bad = "Bad format!", getTag = "Getting EVP_CTRL_GCM_GET_TAG failed!";
     const struct { bool seal; std::string data, cipher, aad; double tag; std::string message; } cases[] = {
         {true, "x", "AES-256-CBC", "", 16, sealRefusal}, {true, "x", "aes-128-ccm", "", 16, sealRefusal},
         {false, token, "AES-256-CBC", "aad", 16, "Cryptography.DecryptAndAuth" + refusal},
@@ -60,7 +55,6 @@ TEST_F(Gcm, FailuresAreReportedWithTheirTexts) {
         {false, token, "nope", "aad", 16, "Cipher \"nope\" not supported."},
         {true, "", "nope", "", 16, ""},  // an empty plaintext is silently empty, but an empty token is malformed
         {false, "", gcm, "aad", 16, bad}, {false, Base64(std::string(27, 'a')), gcm, "aad", 16, bad},
-        {false, token, gcm, "aaD", 16, failed}, {false, Base64(tampered), gcm, "aad", 16, failed},
         {true, "x", gcm, "", 17, getTag}, {true, "x", gcm, "", 0, getTag}, {true, "x", gcm, "", -4, getTag},
         {false, token, gcm, "aad", 17, "Setting EVP_CTRL_GCM_SET_TAG failed!"},
     };
@@ -76,8 +70,7 @@ protected:
     // The ciphertext and the tag.
     std::vector<std::string> Seal(const std::string& plain, const std::string& key, AutoRefPtr<IVariant> nonce,
                                   const std::string& aad) {
-        const auto out =
-            CallEntry("ombrix_module_Encrypt_AEAD_CHACHA20_POLY1305", {Str(plain), Str(key), nonce, Str(aad)});
+        const auto out = CallEntry("ombrix_module_Encrypt_AEAD_CHACHA20_POLY1305", {Str(plain), Str(key), nonce, Str(aad)});
         std::vector<std::string> parts;
         for (uint64_t i = 0; out.result->GetVector() && i < out.result->GetVector()->GetSize(); ++i) {
             AutoRefPtr<IDataRef> data = out.result->GetVector()->GetElement(i)->GetData();
@@ -109,22 +102,18 @@ TEST_F(ChaCha, WycheproofVectors) {
 TEST_F(ChaCha, NonceHandling) {
     const std::string key(32, 'c'), plain = "nonce rules", n12 = "0123456789ab", n16 = n12 + "cdef", zero(12, '\0');
     const std::string n8 = n12.substr(0, 8);
-    // A buffer holding exactly its bytes, with no terminator after them (the
-    // sanitizer build catches a read past them).
-    auto exact = [](const std::string& bytes) {
+    // A written buffer of the first `size` bytes: the rest stay in it, or with all of them
+    // nothing follows, not even a terminator (the sanitizer build catches a read past them).
+    auto written = [](const std::string& bytes, size_t size) {
         AutoRefPtr<Ombrix::Data> data = Ombrix::Data::Make();
         std::memcpy(data->PrepareForWriting(bytes.size()), bytes.data(), bytes.size());
-        return Dat(AutoRefPtr<IDataRef>(std::move(data)));
-    };
-    auto cut = [](const std::string& bytes, size_t size) {  // the bytes past the size stay in the buffer
-        AutoRefPtr<Ombrix::Data> data = Ombrix::Data::Make(bytes);
         data->Truncate(size);
         return Dat(AutoRefPtr<IDataRef>(std::move(data)));
     };
     const struct { AutoRefPtr<IVariant> seal, open; std::string effective; } cases[] = {
         {Dat(n16), Dat(n16), n12}, {Dat(n16), Dat(n12), n12}, {Dat(n8), Dat(n8), n8 + zero.substr(0, 4)},
-        {NoData(), NoData(), zero}, {Dat(""), Dat(zero), zero}, {exact(n12), exact(n12), n12},
-        {cut(n12, 1), cut(n12, 1), n12.substr(0, 1) + zero.substr(0, 11)}};
+        {NoData(), NoData(), zero}, {Dat(""), Dat(zero), zero}, {written(n12, 12), written(n12, 12), n12},
+        {written(n12, 1), written(n12, 1), n12.substr(0, 1) + zero.substr(0, 11)}};
     for (const auto& c : cases) {
         const auto parts = Seal(plain, key, c.seal, "");
         ASSERT_EQ(parts.size(), 2u);
@@ -133,21 +122,20 @@ TEST_F(ChaCha, NonceHandling) {
     }
 }
 
-// A tag that is not 16 bytes, like an empty ciphertext, gives an empty result and no report.
+// A tag that is not 16 bytes, like an empty ciphertext, gives an empty result and no report; a short key
+// fails (wrong tags, texts and associated data: the Wycheproof vectors).
 TEST_F(ChaCha, FailuresAndSilentEmptyResults) {
     const std::string key(32, 'c'), nonce(12, 'n');
     const auto parts = Seal("authentic", key, Dat(nonce), "aad");
     ASSERT_EQ(parts.size(), 2u);
-    const std::string ct = parts[0], tag = parts[1], badTag = tag.substr(0, 15) + static_cast<char>(tag[15] ^ 1);
+    const std::string ct = parts[0], tag = parts[1];
     EXPECT_EQ(ResultString(Open(Dat(ct), Dat(tag), key, Dat(nonce), "aad", "")), "authentic");  // the STRING form
-    const struct { AutoRefPtr<IVariant> ct, tag; std::string key, aad, message; } cases[] = {
-        {Dat(ct), Dat(tag.substr(0, 15)), key, "aad", ""}, {Dat(ct), Dat(tag + "x"), key, "aad", ""},
-        {Dat(ct), NoData(), key, "aad", ""}, {Dat(""), Dat(tag), key, "aad", ""},
-        {Dat(ct), Dat(tag), key, "aaD", "Decryption failed!"}, {Dat(ct), Dat(badTag), key, "aad", "Decryption failed!"},
-        {Dat(ct), Dat(tag), "short", "aad", "Decryption failed!"},
+    const struct { AutoRefPtr<IVariant> ct, tag; std::string key, message; } cases[] = {
+        {Dat(ct), Dat(tag.substr(0, 15)), key, ""}, {Dat(ct), Dat(tag + "x"), key, ""}, {Dat(ct), NoData(), key, ""},
+        {Dat(""), Dat(tag), key, ""}, {Dat(ct), Dat(tag), "short", "Decryption failed!"},
     };
     for (const auto& c : cases)
-        ExpectEmptyResult(std::to_string(&c - cases), Open(c.ct, c.tag, c.key, Dat(nonce), c.aad), c.message);
+        ExpectEmptyResult(std::to_string(&c - cases), Open(c.ct, c.tag, c.key, Dat(nonce), "aad"), c.message);
 }
 
 }  // namespace

@@ -9,8 +9,7 @@ using SignatureTest = KeysTest;
 
 TEST_F(SignatureTest, SignAndVerifyInEveryFormAgreeWithOpenssl) {
     TempDir dir;
-    const std::string message = Pattern(250001);
-    const std::string messageFile = dir.Write("message.bin", message);
+    const std::string message = Pattern(250001), messageFile = dir.Write("message.bin", message);
     const std::string rsaPem = KeyFixture("rsa.pem"), rsaPublicPem = KeyFixture("rsa.pub.pem");
     const AutoRefPtr<IVariant> rsa = Obj(KeyFromPEM(rsaPem)), rsaPublic = Obj(KeyFromPEM(rsaPublicPem));
     const AutoRefPtr<IVariant> ec = Obj(KeyFromFixture("ec.pem"));
@@ -29,64 +28,49 @@ TEST_F(SignatureTest, SignAndVerifyInEveryFormAgreeWithOpenssl) {
                            dir.Write("sig.bin", signature) + " " + messageFile), "Verified OK\n");
         const CallOutcome good = Call("Cryptography.VerifySignature", {c.message, c.verifier, Str("SHA384"), Dat(signature)});
         EXPECT_TRUE(good.ok() && good.result->GetBoolean());
-        // Another message or another digest does not verify, and says so.
-        for (const Args& bad : {Args{Str(message + "x"), c.verifier, Str("SHA384"), Dat(signature)},
-                                Args{c.message, c.verifier, Str("SHA256"), Dat(signature)}}) {
-            const CallOutcome outcome = Call("Cryptography.VerifySignature", bad);
-            EXPECT_FALSE(outcome.result->GetBoolean());
-            ASSERT_EQ(outcome.errors.size(), 1u);
-            EXPECT_EQ(outcome.errors[0].id, "Error.Ombrix.FunctionError");
-            EXPECT_EQ(outcome.errors[0].message.rfind("Error on 'EVP_VerifyFinal': error:", 0), 0u) << outcome.errors[0].message;
-        }
-        ExpectErrorQueueEmpty();
     }
 }
 
-TEST_F(SignatureTest, SignErrors) {
-    const std::string rsaPem = KeyFixture("rsa.pem"), function = "Error.Ombrix.FunctionError";
-    const struct { Args args; std::string id, message; } cases[] = {  // no id: an empty result without a report
-        {{Str("m"), Dat(""), Str("nope")}, function, "Key Size out of range"},  // size checked before the digest
-        {{Dat("m"), Dat(rsaPem + std::string(100001 - rsaPem.size(), '\n')), Str("SHA256")}, function, "Key Size out of range"},
-        {{Str("m"), Dat(KeyFixture("ec.pem")), Str("SHA256")}, "", ""},
-        {{Str("m"), Dat(KeyFixture("rsa.pub.pem")), Str("SHA256")}, "", ""},
-        {{Str("m"), Dat("garbage"), Str("nope")}, "", ""},  // the key is read before the digest
-        {{Str("m"), Dat(rsaPem), Str("nope")}, function, "Digest \"nope\" not supported!"},
-        {{Dat("m"), Obj(KeyFromPEM(rsaPem)), Str("SHA-9")}, function, "Digest \"SHA-9\" not supported!"},
-        {{Dat("m"), Obj(engine_.NewValue("Cryptography.Key")), Str("nope")}, "Error.System.Memory", "Invalid key given!"},
-        {{Str("m"), Obj(KeyFromFixture("x25519.pem")), Str("SHA256")}, function, "RSASignMessage didn't work!"},
-        {{Dat("m"), Obj(KeyFromFixture("rsa.pub.pem")), Str("SHA256")}, function, "RSASignMessage didn't work!"},
+// Sign's and VerifySignature's reports come in the order their checks run; a failed call returns
+// an empty signature or false. No id: no report. A signature that does not verify (another message
+// or digest; the Wycheproof vectors and StreamingTest have the other forms) quotes OpenSSL's reason.
+TEST_F(SignatureTest, ErrorsComeInTheirOrder) {
+    const std::string rsaPem = KeyFixture("rsa.pem"), publicPem = KeyFixture("rsa.pub.pem"), big(100001, 'x');
+    const std::string signature = ResultBytes(Call("Cryptography.Sign", {Str("m"), Dat(rsaPem), Str("SHA256")}));
+    const AutoRefPtr<IVariant> empty = Obj(engine_.NewValue("Cryptography.Key"));
+    const std::string sign = "Cryptography.Sign", verify = "Cryptography.VerifySignature";
+    const std::string function = "Error.Ombrix.FunctionError", initFailed = "Unable to initialize EVP for public key";
+    const std::string badSignature = "Error on 'EVP_VerifyFinal': error:02000068:rsa routines::bad signature";
+    const struct { std::string routine; Args args; std::string id, message; } cases[] = {
+        {sign, {Str("m"), Dat(""), Str("nope")}, function, "Key Size out of range"},  // size checked before the digest
+        {sign, {Dat("m"), Dat(rsaPem + std::string(100001 - rsaPem.size(), '\n')), Str("SHA256")}, function, "Key Size out of range"},
+        {sign, {Str("m"), Dat(KeyFixture("ec.pem")), Str("SHA256")}, "", ""},
+        {sign, {Str("m"), Dat(publicPem), Str("SHA256")}, "", ""},
+        {sign, {Str("m"), Dat("garbage"), Str("nope")}, "", ""},  // the key is read before the digest
+        {sign, {Str("m"), Dat(rsaPem), Str("nope")}, function, "Digest \"nope\" not supported!"},
+        {sign, {Dat("m"), Obj(KeyFromPEM(rsaPem)), Str("SHA-9")}, function, "Digest \"SHA-9\" not supported!"},
+        {sign, {Dat("m"), empty, Str("nope")}, "Error.System.Memory", "Invalid key given!"},
+        {sign, {Str("m"), Obj(KeyFromFixture("x25519.pem")), Str("SHA256")}, function, "RSASignMessage didn't work!"},
+        {sign, {Dat("m"), Obj(KeyFromPEM(publicPem)), Str("SHA256")}, function, "RSASignMessage didn't work!"},
+        {verify, {Str("m"), Dat(""), Str("nope"), Dat("")}, function, "Key size out of range"},
+        {verify, {Dat("m"), Dat(big), Str("SHA256"), Dat(signature)}, function, "Key size out of range"},
+        {verify, {Str("m"), Dat(rsaPem), Str("SHA256"), Dat(signature)}, function, initFailed},
+        {verify, {Str("m"), Dat("garbage"), Str("nope"), Dat("")}, function, initFailed},
+        {verify, {Dat("m"), Dat(publicPem), Str("nope"), Dat("")}, function, "Digest \"nope\" not supported."},
+        {verify, {Str("m"), Dat(publicPem), Str("SHA256"), Dat("")}, function, "Signature size out of range"},
+        {verify, {Str("m"), Dat(publicPem), Str("SHA256"), Dat(big)}, function, "Signature size out of range"},
+        {verify, {Dat("m"), empty, Str("SHA256"), Dat("")}, function, "Signature size out of range"},
+        {verify, {Dat("m"), empty, Str("nope"), Dat(signature)}, function, "Digest \"nope\" not supported."},
+        {verify, {Str("m"), empty, Str("SHA256"), Dat(signature)}, function, "No public key given"},
+        {verify, {Str("n"), Obj(KeyFromPEM(publicPem)), Str("SHA256"), Dat(signature)}, function, badSignature},
+        {verify, {Dat("m"), Dat(publicPem), Str("SHA384"), Dat(signature)}, function, badSignature},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(&c - cases);
-        const CallOutcome outcome = Call("Cryptography.Sign", c.args);
-        EXPECT_EQ(ResultBytes(outcome), "");
+        const CallOutcome outcome = Call(c.routine, c.args);
+        EXPECT_FALSE(ResultBytes(outcome).size() || outcome.result->GetBoolean());
         if (c.id.empty()) EXPECT_TRUE(outcome.ok());
         else ExpectError(outcome, c.id, c.message);
-        ExpectErrorQueueEmpty();
-    }
-}
-
-TEST_F(SignatureTest, VerifyErrorsComeInTheirOrder) {
-    const std::string publicPem = KeyFixture("rsa.pub.pem"), big(100001, 'x');
-    const std::string signature = ResultBytes(Call("Cryptography.Sign", {Str("m"), Dat(KeyFixture("rsa.pem")), Str("SHA256")}));
-    const KeyValue empty = engine_.NewValue("Cryptography.Key");
-    const std::pair<Args, const char*> cases[] = {
-        {{Str("m"), Dat(""), Str("nope"), Dat("")}, "Key size out of range"},
-        {{Dat("m"), Dat(big), Str("SHA256"), Dat(signature)}, "Key size out of range"},
-        {{Str("m"), Dat(KeyFixture("rsa.pem")), Str("SHA256"), Dat(signature)}, "Unable to initialize EVP for public key"},
-        {{Str("m"), Dat("garbage"), Str("nope"), Dat("")}, "Unable to initialize EVP for public key"},
-        {{Dat("m"), Dat(publicPem), Str("nope"), Dat("")}, "Digest \"nope\" not supported."},
-        {{Str("m"), Dat(publicPem), Str("SHA256"), Dat("")}, "Signature size out of range"},
-        {{Str("m"), Dat(publicPem), Str("SHA256"), Dat(big)}, "Signature size out of range"},
-        {{Dat("m"), Obj(empty), Str("SHA256"), Dat("")}, "Signature size out of range"},
-        {{Dat("m"), Obj(empty), Str("nope"), Dat(signature)}, "Digest \"nope\" not supported."},
-        {{Str("m"), Obj(empty), Str("SHA256"), Dat(signature)}, "No public key given"},
-    };
-    for (const auto& [args, message] : cases) {
-        const CallOutcome outcome = Call("Cryptography.VerifySignature", args);
-        EXPECT_FALSE(outcome.result->GetBoolean()) << message;
-        ExpectError(outcome, "Error.Ombrix.FunctionError", message);
-        ExpectErrorQueueEmpty();
     }
 }
 
@@ -104,7 +88,6 @@ TEST_F(SignatureTest, WycheproofRsaPkcs1Sha256) {
             EXPECT_EQ(outcome.errors.size(), outcome.result->GetBoolean() ? 0u : 1u);
         }
     });
-    ExpectErrorQueueEmpty();
 }
 
 }  // namespace

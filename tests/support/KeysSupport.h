@@ -1,8 +1,6 @@
 // Key helpers: fixtures of tests/data/keys/make.sh, a shell runner, a scratch folder.
 #pragma once
 
-#include <openssl/err.h>
-
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
@@ -38,9 +36,6 @@ struct TempDir {
     }
 };
 
-// Nothing a routine did may stay in this thread's OpenSSL error queue.
-inline void ExpectErrorQueueEmpty() { EXPECT_EQ(ERR_peek_error(), 0ul) << "OpenSSL error queue not empty"; }
-
 using KeyValue = AutoRefPtr<Ombrix::IUserDefinedType>;
 
 class KeysTest : public ModuleTest {
@@ -51,7 +46,6 @@ protected:
     // The text a routine taking only the key returns.
     std::string Text(const std::string& routine, const KeyValue& key) { return ResultString(Call(routine, {Obj(key)})); }
     bool IsValid(const KeyValue& key) { return Call("Cryptography.IsValid", {Obj(key)}).result->GetBoolean(); }
-    double Length(const KeyValue& key) { return Call("Cryptography.GetKeyLength", {Obj(key)}).result->GetNumber(); }
 };
 
 }  // namespace Testing

@@ -2,7 +2,6 @@
 #pragma once
 
 #include <array>
-#include <cstdio>
 #include <functional>
 #include <map>
 #include <nlohmann/json.hpp>
