@@ -1,14 +1,16 @@
 #!/usr/bin/env bash
 # The test suite on Debian 13 (trixie: GCC 14, OpenSSL 3.5), in a chroot made
 # with debootstrap from the Debian archive. A normal build with warnings as
-# errors; the sanitizer builds stay on the host's side.
+# errors and FIPS mode with a real provider; the sanitizer builds stay on the
+# host's side.
 #
 #   scripts/test-debian13.sh [prepare|test|all] [DIR]     (default all, build-debian13)
 #
 # prepare: makes the Debian 13 tree in DIR/root (kept for later runs) and
 #          installs the build dependencies there with scripts/setup.sh;
 # test:    copies the working tree to DIR/root/src, builds it in
-#          DIR/root/build and runs ctest there.
+#          DIR/root/build, runs ctest there, then the FIPS suite with the
+#          FIPS provider of Debian 13's OpenSSL (scripts/test-fips.sh).
 # Needs root. /proc and /dev are mounted in the tree only while a step runs
 # and are unmounted on any exit, failures included.
 set -euo pipefail
@@ -72,6 +74,9 @@ run_tests() {
   in_root cmake -S /src -B /build -G Ninja -DOMBRIX_TESTS=ON -DOMBRIX_WERROR=ON >/dev/null
   in_root cmake --build /build
   in_root sh -c 'cd /build && ctest --output-on-failure --no-tests=error -j "$(nproc)"'
+  # FIPS mode with the FIPS provider of Debian 13's OpenSSL, built from its
+  # source package (kept in /build-fips for later runs).
+  in_root sh -c 'cd /src && scripts/test-fips.sh /build /build-fips'
   unmount_all
 }
 
