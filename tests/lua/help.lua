@@ -5,9 +5,7 @@ local check = dofile(arg[0]:match("^(.*/)") .. "lib/check.lua")
 local referencePath = arg[0]:match("^(.*/)") .. "../../docs/reference.md"
 
 local function run(code) return check.run("-e", code) end
-local file = assert(io.open(referencePath, "rb"))
-local reference = file:read("a")
-file:close()
+local reference = assert(io.open(referencePath, "rb")):read("a")
 
 check.each({
   {name = "a type", code = 'Ombrix.help("Cryptography.Key")', has = {"TYPE Cryptography.Key\n", "**Saved as:**"},
@@ -38,45 +36,41 @@ check.each({
   for _, part in ipairs(case.lacks or {}) do check.truthy(not out:find(part, 1, true), "output lacks " .. part) end
 end)
 
--- Every routine of the module has its entry, printed exactly as the
--- reference has it, and the listing names every routine. One process prints
--- them all, each after a marker line.
+-- Every routine of the module has its entry, printed exactly as the reference has
+-- it, and the listing names every routine; everything in the Ombrix table has an
+-- entry, and every section of the reference with text of its own is found by its
+-- title. One process prints them all, each after a marker line.
 local names = Ombrix.routines("Cryptography")
 check.truthy(#names >= 60, "the module's routines are listed")
 local _, listing = run("Ombrix.help()")
 for line in listing:gmatch("[^\n]+") do check.truthy(#line <= 100, "a listing line fits 100 columns: " .. line) end
-local status, all = run('for _, name in ipairs(Ombrix.routines("Cryptography")) do ' ..
-                        'io.write("@@ ", name, "\\n") io.flush() Ombrix.help("Cryptography." .. name) end')
-check.equal(status, 0, "help for every routine")
+local asked, fields, titles = {}, {}, {}
+for _, name in ipairs(names) do asked[#asked + 1] = "Cryptography." .. name end
+for name in pairs(Ombrix) do fields[#fields + 1], asked[#asked + 1] = name, "Ombrix." .. name end
+local title, fenced = nil, false
+for line in reference:gmatch("[^\n]*") do
+  if line:find("^```") then fenced = not fenced end
+  if not fenced and line:find("^#") then title = line:match("^## (.+)") elseif title and line:find("%S") then
+    titles[#titles + 1], asked[#asked + 1], title = title, title, nil
+  end
+end
+check.truthy(#titles >= 3, "the reference has sections")
+local code, marked = {}, 'io.write("@@ ", %q, "\\n") io.flush() Ombrix.help(%q)'
+for _, name in ipairs(asked) do code[#code + 1] = marked:format(name, name) end
+local status, all = run(table.concat(code, "\n"))
+check.equal(status, 0, "help for every routine, field and section")
 local printed = {}
-for name, text in (all .. "@@ "):gmatch("@@ (%w+)\n(.-)%f[@]") do printed[name] = text end
+for name, text in (all .. "@@ "):gmatch("@@ ([^\n]+)\n(.-)%f[@]") do printed[name] = text end
+local function shows(name, heading) return (printed[name] or ""):find(heading, 1, true) end
 for _, name in ipairs(names) do
   local heading = "### Cryptography." .. name .. "\n"
   local from = reference:find(heading, 1, true)
   check.truthy(from, "the reference has " .. heading)
   local section = reference:sub(from):match("^(.-)\n+#") or reference:sub(from)
-  check.equal(printed[name], section:gsub("\n+$", "") .. "\n", "help text of " .. name)
+  check.equal(printed["Cryptography." .. name], section:gsub("\n+$", "") .. "\n", "help text of " .. name)
   check.truthy(listing:find("\n  " .. name .. " ", 1, true) or listing:find("\n  " .. name .. "\n", 1, true),
                "the listing names " .. name)
 end
-
--- Everything in the Ombrix table has an entry, and every section of the
--- reference with text of its own is found by its title.
-local fields, titles = {}, {}
-for name in pairs(Ombrix) do fields[#fields + 1] = name end
-local title, fenced = nil, false
-for line in reference:gmatch("[^\n]*") do
-  if line:find("^```") then fenced = not fenced end
-  if not fenced and line:find("^#") then title = line:match("^## (.+)") elseif title and line:find("%S") then
-    titles[#titles + 1], title = title, nil
-  end
-end
-check.truthy(#titles >= 3, "the reference has sections")
-local code = {}
-for _, name in ipairs(fields) do code[#code + 1] = ('Ombrix.help("Ombrix.%s")'):format(name) end
-for _, title in ipairs(titles) do code[#code + 1] = ('Ombrix.help(%q)'):format(title) end
-local status, printed = run(table.concat(code, " "))
-check.equal(status, 0, "help for every field and section")
-for _, name in ipairs(fields) do check.truthy(printed:find("### Ombrix." .. name .. "\n", 1, true), "entry of Ombrix." .. name) end
-for _, title in ipairs(titles) do check.truthy(printed:find("## " .. title .. "\n", 1, true), "section " .. title) end
+for _, name in ipairs(fields) do check.truthy(shows("Ombrix." .. name, "### Ombrix." .. name .. "\n"), "Ombrix." .. name) end
+for _, title in ipairs(titles) do check.truthy(shows(title, "## " .. title .. "\n"), "section " .. title) end
 print(("help: ok (%d routines, %d fields, %d sections)"):format(#names, #fields, #titles))

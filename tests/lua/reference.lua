@@ -4,17 +4,12 @@
 -- "-- (not run)" needs the outside world (a server) and is only compiled.
 local check = dofile(arg[0]:match("^(.*/)") .. "lib/check.lua")
 local path = arg[0]:match("^(.*/)") .. "../../docs/reference.md"
-local file = assert(io.open(path, "rb"))
-local text = file:read("a")
-file:close()
+local text = assert(io.open(path, "rb")):read("a")
 
-local function words(s)
-  local list = {}
-  for w in s:gmatch("%S+") do list[#list + 1] = w end
-  return table.concat(list, " ")
-end
+-- The text with no white space at its ends and single spaces between its words.
+local function words(s) return (s:match("^%s*(.-)%s*$"):gsub("%s+", " ")) end
 
--- The blocks, each with the heading it stands under and its first line number.
+-- The blocks, each named by the heading it stands under and its first line number.
 local blocks, heading, inBlock, lineNumber = {}, "top", nil, 0
 for line in (text .. "\n"):gmatch("(.-)\n") do
   lineNumber = lineNumber + 1
@@ -22,7 +17,7 @@ for line in (text .. "\n"):gmatch("(.-)\n") do
     if line:match("^```") then blocks[#blocks + 1] = inBlock inBlock = nil
     else inBlock.lines[#inBlock.lines + 1] = line end
   elseif line == "```lua" then
-    inBlock = {heading = heading, at = lineNumber + 1, lines = {}}
+    inBlock = {name = ("%s (reference line %d)"):format(heading, lineNumber + 1), lines = {}}
   elseif line:match("^#+ ") then
     heading = line:gsub("^#+ ", "")
   end
@@ -30,14 +25,8 @@ end
 check.truthy(#blocks >= 60, "the reference has its examples (found " .. #blocks .. ")")
 
 local ran = 0
-check.each((function()
-  local cases = {}
-  for _, block in ipairs(blocks) do
-    cases[#cases + 1] = {name = ("%s (reference line %d)"):format(block.heading, block.at), block = block}
-  end
-  return cases
-end)(), function(case)
-  local lines = case.block.lines
+check.each(blocks, function(block)
+  local lines = block.lines
   local code = table.concat(lines, "\n")
   -- Expected output by the line of the print that makes it.
   local expected = {}
@@ -54,7 +43,7 @@ end)(), function(case)
     for i = 1, select("#", ...) do parts[#parts + 1] = tostring((select(i, ...))) end
     shown[line] = table.concat(parts, " ")
   end
-  local chunk = assert(load(code, "=" .. case.name, "t", env))
+  local chunk = assert(load(code, "=" .. block.name, "t", env))
   if lines[1] == "-- (not run)" then return end
   chunk()
   ran = ran + 1

@@ -1,4 +1,5 @@
--- Values between Lua and the engine: Data buffers, numbers, saved forms. Usage: values.lua DATA_DIR
+-- Values between Lua and the engine: Data buffers, numbers, VECTOR results as Lua arrays,
+-- saved forms. Usage: values.lua DATA_DIR
 local check = dofile(arg[0]:match("^(.*/)") .. "lib/check.lua")
 local dataDir = assert(arg[1], "usage: values.lua DATA_DIR")
 
@@ -32,7 +33,22 @@ check.raises(function() return Data.file(dataDir) end, "cannot open")  -- a dire
 check.equal(math.type(Cryptography.FIPSMode()), "integer", "whole numbers arrive as integers")
 check.equal(Cryptography.FIPSSelfTestFailed(), false, "booleans arrive as booleans")
 
+-- VECTOR results: Data, module value and string elements, an empty vector.
+local key, nonce = string.rep("k", 32), Data(string.rep("\0", 12))
+local sealed = Cryptography.EncryptAEADCHACHA20POLY1305("payload", key, nonce, "header")
+check.equal(#sealed, 2, "elements")
+check.equal(tostring(sealed[2]), "Data(16 bytes)", "a Data element")
+check.equal(Cryptography.DecryptAEADCHACHA20POLY1305(sealed[1], sealed[2], key, nonce, "header"), "payload", "round trip")
+local pem = assert(io.open(dataDir .. "/tls/ca.pem", "rb")):read("a")
+local chain = Cryptography.X509VectorFromPEM(pem .. pem)
+check.equal(#chain, 2, "certificates")
+check.equal(tostring(chain[2]), "Cryptography.X509", "a module value element")
+check.equal(Cryptography.GetPurpose(chain[1])[1], "CA", "a string element")
+check.equal(#Cryptography.GetPurpose(Ombrix.new("Cryptography.X509")), 0, "an empty vector")
+
 -- New values of a type, and the saved form.
+local saved = Ombrix.serialize(chain[1])
+check.equal(Ombrix.serialize(Ombrix.deserialize("Cryptography.X509", saved)), saved, "saved form round trip")
 check.equal(tostring(Ombrix.new("Cryptography.X509")), "Cryptography.X509", "a new module value")
 check.equal(Ombrix.serialize(Ombrix.new("Cryptography.SSL")), nil, "a session has no saved form")
 check.equal(tostring(Ombrix.deserialize("JSON", '{"a":1}')), '{"a":1}', "deserialize JSON")

@@ -10,14 +10,23 @@ namespace Testing {
 inline std::string CertFixturePath(const std::string& name) { return DataPath("certs/" + name); }
 inline std::string CertFixture(const std::string& name) { return ReadFile(CertFixturePath(name)); }
 
-// The JSON text a result holds, members in their order ("" when none), and its value (null when none).
+// The JSON text a result holds ("" when none), and its value (null when none), members in their order.
 inline std::string JsonText(const CallOutcome& outcome) {
     const auto json = outcome.result ? outcome.result->ObjectValue().DynamicCast<Ombrix::IJSON>() : nullptr;
     return json ? json->ToJSONText() : "";
 }
-inline nlohmann::json JsonResult(const CallOutcome& outcome) {
+inline nlohmann::ordered_json JsonResult(const CallOutcome& outcome) {
     const std::string text = JsonText(outcome);
-    return text.empty() ? nlohmann::json() : nlohmann::json::parse(text);
+    return text.empty() ? nlohmann::ordered_json() : nlohmann::ordered_json::parse(text);
+}
+
+// The elements of a VECTOR result, each as show gives it.
+template <typename Show>
+std::vector<std::string> Elements(const AutoRefPtr<IVariant>& result, Show show) {
+    std::vector<std::string> elements;
+    const AutoRefPtr<Ombrix::IVectorGeneric> vector = result ? result->GetVector() : nullptr;
+    for (uint64_t i = 0; vector && i < vector->GetSize(); ++i) elements.push_back(show(vector->GetElement(i)));
+    return elements;
 }
 
 class CertTest : public ModuleTest {
@@ -35,6 +44,11 @@ public:
     }
     std::string ToPEM(const AutoRefPtr<IVariant>& cert) { return ResultString(Call("Cryptography.ToPEM", {cert})); }
     std::string ToDER(const AutoRefPtr<IVariant>& cert) { return ResultBytes(Call("Cryptography.ToDER", {cert})); }
+    std::vector<std::string> Purposes(const AutoRefPtr<IVariant>& cert) {
+        const AutoRefPtr<IVariant> result = Result(Call("Cryptography.GetPurpose", {cert}));
+        EXPECT_EQ(result->GetType(), Ombrix::kTypeStringVector);
+        return Elements(result, [](const AutoRefPtr<IVariant>& purpose) { return std::string(purpose->GetString()); });
+    }
     bool Boolean(std::string_view routine, Args args) { return Result(Call(routine, std::move(args)))->GetBoolean(); }
     double Number(std::string_view routine, Args args) { return Result(Call(routine, std::move(args)))->GetNumber(); }
     void Do(std::string_view routine, Args args) { EXPECT_TRUE(Call(routine, std::move(args)).ok()) << routine; }
