@@ -31,34 +31,29 @@ double SecondsSince(Clock::time_point start) { return std::chrono::duration<doub
 
 // Accepts one connection and sends the start of a TLS record one byte at a
 // time, so a client's handshake goes on waiting without ever finishing.
-class TrickleServer {
-public:
-    explicit TrickleServer(int intervalMs = 20, int bytes = 250) : listener_(ListenTcp(&port_)) {
-        thread_ = std::thread([this, intervalMs, bytes] {
-            const int fd = ::accept(listener_.fd, nullptr, nullptr);
-            if (fd < 0) return;
-            Socket connection(fd);
+struct TrickleServer {
+    explicit TrickleServer(int intervalMs = 20, int bytes = 250) {
+        thread = std::thread([this, intervalMs, bytes] {
+            const Socket connection(::accept(listener.fd, nullptr, nullptr));
             const char header[] = {0x16, 0x03, 0x03, 0x40, 0x00};  // handshake record, 16 KiB long
-            for (int i = 0; !stop_ && i < bytes; ++i) {
+            for (int i = 0; connection.fd >= 0 && !stop && i < bytes; ++i) {
                 const char byte = i < 5 ? header[i] : 0;
-                if (::send(fd, &byte, 1, MSG_NOSIGNAL) != 1) break;
-                for (int slept = 0; !stop_ && slept < intervalMs; slept += 10)
+                if (::send(connection.fd, &byte, 1, MSG_NOSIGNAL) != 1) break;
+                for (int slept = 0; !stop && slept < intervalMs; slept += 10)
                     std::this_thread::sleep_for(std::chrono::milliseconds(10));
             }
         });
     }
     ~TrickleServer() {
-        stop_ = true;
-        ::shutdown(listener_.fd, SHUT_RDWR);
-        thread_.join();
+        stop = true;
+        ::shutdown(listener.fd, SHUT_RDWR);
+        thread.join();
     }
-    int port() const { return port_; }
 
-private:
-    int port_ = 0;
-    Socket listener_;
-    std::atomic<bool> stop_{false};
-    std::thread thread_;
+    int port = 0;
+    Socket listener = ListenTcp(&port);
+    std::atomic<bool> stop{false};
+    std::thread thread;
 };
 
 class EventLoopTest : public ::testing::Test {
@@ -76,8 +71,8 @@ protected:
         engine_->Load(CRYPTOGRAPHY_MODULE_PATH);
         return *engine_;
     }
-    CallHandle StartFetch(int port) {
-        return engine_->Start("Cryptography.X509FetchFromServer", {Str("127.0.0.1"), Num(port)});
+    CallHandle StartFetch(int port, const char* host = "127.0.0.1") {
+        return engine_->Start("Cryptography.X509FetchFromServer", {Str(host), Num(port)});
     }
     // The PEM text of a finished fetch ("" for an empty certificate).
     std::string FetchedPem(CallHandle call, int* resumptions = nullptr) {
@@ -102,31 +97,26 @@ TEST_F(EventLoopTest, ParkedCallsKeepTheirOwnState) {
     // finish in another order than they started, and the handshakes overlap.
     const std::string certs[] = {"server", "alpha", "self", "other-ca"};
     std::vector<std::unique_ptr<TlsServer>> servers;
-    std::vector<std::pair<CallHandle, std::string>> calls;
-    for (int i = 0; i < 12; ++i) {
-        const std::string& cert = certs[i % 4];
-        servers.push_back(std::make_unique<TlsServer>(Delayed(cert, 400 - 20 * i), [](SSL*, int) {}));
-    }
-    ServerOptions byName;
-    byName.byServerName = {{"localhost", "alpha"}};
-    TlsServer named(byName, [](SSL*, int) {});
+    for (int i = 0; i < 12; ++i)
+        servers.push_back(std::make_unique<TlsServer>(ServerOptions{.cert = certs[i % 4], .delayMs = 400 - 20 * i}));
     int closedPort = 0, silentPort = 0;
     ListenTcp(&closedPort);  // closed again at once
     const Socket silent = ListenTcp(&silentPort);  // accepts in the kernel, never answers
     const auto start = Clock::now();
     const CallHandle waiting = StartFetch(silentPort);
-    for (int i = 0; i < 12; ++i) calls.emplace_back(StartFetch(servers[i]->port()), certs[i % 4] + ".pem");
+    std::vector<std::pair<CallHandle, std::string>> calls;
+    for (int i = 0; i < 12; ++i)  // the second server is asked for by name
+        calls.emplace_back(StartFetch(servers[i]->port(), i == 1 ? "localhost" : "127.0.0.1"), certs[i % 4] + ".pem");
     EXPECT_EQ(engine_->ParkedCalls(), 13u);
-    calls.emplace_back(engine_->Start("Cryptography.X509FetchFromServer", {Str("localhost"), Num(named.port())}), "alpha.pem");
     calls.emplace_back(StartFetch(closedPort), "");
     // An IPv6 literal in brackets, and port 0 for 443 (where this process may listen).
-    std::vector<std::unique_ptr<TlsServer>> more;
     for (const auto& [host, port, asked] : {std::tuple{"::1", 0, "[::1]"}, {"127.0.0.1", 443, "127.0.0.1"}}) {
-        ServerOptions options = Delayed("self", 0);
-        options.host = host;
-        options.port = port;
-        try { more.push_back(std::make_unique<TlsServer>(options, [](SSL*, int) {})); } catch (const std::runtime_error&) { continue; }
-        calls.emplace_back(engine_->Start("Cryptography.X509FetchFromServer", {Str(asked), Num(port ? 0 : more.back()->port())}), "self.pem");
+        try {
+            servers.push_back(std::make_unique<TlsServer>(ServerOptions{.host = host, .port = port, .cert = "self"}));
+        } catch (const std::runtime_error&) {
+            continue;
+        }
+        calls.emplace_back(StartFetch(port ? 0 : servers.back()->port(), asked), "self.pem");
     }
     while (!std::all_of(calls.begin(), calls.end(), [&](const auto& call) { return engine_->Finished(call.first); }))
         engine_->RunOnce();
@@ -140,7 +130,7 @@ TEST_F(EventLoopTest, ParkedCallsKeepTheirOwnState) {
         EXPECT_TRUE(cert.empty() || resumptions > 0) << "the call suspends while it waits for the server";
     }
     EXPECT_EQ(servers[0]->LastServerName(), "127.0.0.1");
-    EXPECT_EQ(named.LastServerName(), "localhost");
+    EXPECT_EQ(servers[1]->LastServerName(), "localhost");
 }
 
 TEST_F(EventLoopTest, SilentServerIsGivenUpOnAfterOneWait) {
@@ -160,7 +150,7 @@ TEST_F(EventLoopTest, ResumptionBoundEndsWithAnEmptyCertificate) {
         TrickleServer server;  // keeps the handshake going one byte at a time
         MakeEngine(bound);
         int resumptions = -1;
-        const CallHandle call = StartFetch(server.port());
+        const CallHandle call = StartFetch(server.port);
         engine_->RunUntilIdle();
         EXPECT_EQ(FetchedPem(call, &resumptions), "");
         EXPECT_EQ(resumptions, bound);
@@ -173,7 +163,7 @@ TEST_F(EventLoopTest, TricklingServerIsGivenUpOnAfterThirtySeconds) {
     MakeEngine();
     TrickleServer server(600, 100);  // a byte every 0.6 s for a minute
     const auto start = Clock::now();
-    const CallHandle call = StartFetch(server.port());
+    const CallHandle call = StartFetch(server.port);
     engine_->RunUntilIdle();
     const double seconds = SecondsSince(start);
     int resumptions = 0;

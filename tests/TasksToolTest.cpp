@@ -1,14 +1,11 @@
 // Tasks in the ombrix command, against TLS servers on 127.0.0.1.
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <chrono>
 #include <csignal>
-#include <cstdio>
 #include <cstring>
 #include <thread>
 
 #include "Harness.h"
+#include "KeysSupport.h"
 #include "TlsSupport.h"
 
 namespace Testing {
@@ -20,20 +17,17 @@ struct ToolRun {
     double seconds = 0;
 };
 
-// Runs a Lua script given as text (ombrix -e); the ports follow as arguments.
-ToolRun RunScript(std::string script, const std::vector<int>& ports) {
-    ToolRun run;
-    const auto start = std::chrono::steady_clock::now();
-    for (size_t at = 0; (at = script.find('\'', at)) != std::string::npos; at += 4) script.replace(at, 1, "'\\''");
-    std::string command = std::string("timeout 60 '") + OMBRIX_TOOL_PATH + "' -e '" + script + "'";
+// Runs a Lua script given as text, the ports as its arguments, under a 60 s limit.
+ToolRun RunScript(const std::string& script, const std::vector<int>& ports) {
+    const TempDir dir;
+    std::string command = "timeout 60 '" OMBRIX_TOOL_PATH "' " + dir.Write("script.lua", script);
     for (int port : ports) command += " " + std::to_string(port);
-    if (FILE* pipe = popen((command + " 2>&1").c_str(), "r")) {
-        char buffer[4096];
-        for (size_t n; (n = fread(buffer, 1, sizeof buffer, pipe)) > 0;) run.output.append(buffer, n);
-        const int status = pclose(pipe);
-        run.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    }
+    const auto start = std::chrono::steady_clock::now();
+    ToolRun run{.output = RunShell(command + " 2>&1; echo \"exit status $?\"")};
     run.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    const size_t at = run.output.rfind("exit status ");
+    run.status = std::stoi(run.output.substr(at + 12));
+    run.output.resize(at);
     return run;
 }
 
@@ -41,45 +35,7 @@ ToolRun RunScript(std::string script, const std::vector<int>& ports) {
 std::unique_ptr<TlsServer> Server(const std::string& cert, int delayMs, std::function<void(SSL*, int)> session = {}) {
     // A fetch drops its connection mid-handshake; the server's next write must fail, not end the test.
     std::signal(SIGPIPE, SIG_IGN);
-    return std::make_unique<TlsServer>(Delayed(cert, delayMs), session ? session : [](SSL*, int) {});
-}
-
-const char kFetch[] = R"lua(
-local X = Cryptography
-local function fetch(port)
-  return function()
-    return X.GetDigestFromCert("SHA256", X.X509FetchFromServer("127.0.0.1", tonumber(port)))
-  end
-end
-)lua";
-
-TEST(TasksTool, AnErrorInOneTaskLeavesTheOthersIntact) {
-    auto a = Server("server", 300), b = Server("alpha", 300);
-    const std::string script = std::string(kFetch) + R"lua(
-local tasks = {Ombrix.spawn(fetch(arg[1])), Ombrix.spawn(function() error("task two fails") end),
-               Ombrix.spawn(fetch(arg[2]))}
-for i, task in ipairs(tasks) do
-  local ok, value = pcall(Ombrix.join, task)
-  print(i, ok, ok and value or tostring(value):match("task two fails"))
-end
-local ok, err = pcall(Ombrix.all, {fetch(arg[1]), function() error({code = 7}) end, fetch(arg[2])})
-print("all", ok, type(err) == "table" and err.code)
-print("again", Ombrix.join(tasks[3]) == Ombrix.join(tasks[3]))
-print("direct", fetch(arg[1])(), fetch(arg[2])())
-)lua";
-    const ToolRun run = RunScript(script, {a->port(), b->port()});
-    EXPECT_EQ(run.status, 0) << run.output;
-    EXPECT_NE(run.output.find("2\tfalse\ttask two fails"), std::string::npos) << run.output;
-    EXPECT_NE(run.output.find("all\tfalse\t7"), std::string::npos) << run.output;
-    EXPECT_NE(run.output.find("again\ttrue"), std::string::npos) << run.output;
-    // Each task fetched its own server's certificate, as a call outside tasks does.
-    const size_t direct = run.output.find("direct\t");
-    ASSERT_NE(direct, std::string::npos) << run.output;
-    const std::string first = run.output.substr(direct + 7, 64), second = run.output.substr(direct + 72, 64);
-    EXPECT_EQ(first.find_first_not_of("0123456789abcdef"), std::string::npos) << run.output;
-    EXPECT_NE(first, second);
-    EXPECT_NE(run.output.find("1\ttrue\t" + first), std::string::npos) << run.output;
-    EXPECT_NE(run.output.find("3\ttrue\t" + second), std::string::npos) << run.output;
+    return std::make_unique<TlsServer>(ServerOptions{.cert = cert, .delayMs = delayMs}, std::move(session));
 }
 
 TEST(TasksTool, NetWaitInTasksInterleavesTlsReads) {
@@ -127,25 +83,13 @@ io.write(one, two)
     EXPECT_LT(run.seconds, 1.5) << "the two 0.8 s pauses overlap";
 }
 
-TEST(TasksTool, UnjoinedTasksRunToTheEndAndTheirFailuresCount) {
-    const struct { const char* script; int status; const char* output; } cases[] = {
-        {"Ombrix.spawn(function() print('ran') end)", 0, "ran\n"},
-        {"Ombrix.spawn(function() error('lost', 0) end)", 1, "ombrix: task 1 failed: lost\n"},
-        {"local t = Ombrix.spawn(function() error('seen', 0) end) print(pcall(Ombrix.join, t))", 0, "false\tseen\n"},
-        {"print(pcall(Ombrix.join, Ombrix.spawn(function() return coroutine.yield() or 5 end)))", 0, "true\t5\n"},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.script);
-        const ToolRun run = RunScript(c.script, {});
-        EXPECT_EQ(run.status, c.status);
-        EXPECT_EQ(run.output, c.output);
-    }
-}
-
-// Scripts that drop, re-enter or resurrect things while a call is parked or
-// the host is inside Lua. arg[1]: a TLS server that answers after 300 ms and
-// then sends 300 one-byte records; arg[2]: a listener that never accepts.
-TEST(TasksTool, HostileScriptsGetErrorsNotCrashes) {
+// Whole scripts: what they print and their exit status. arg[1]: a TLS server
+// that answers after 300 ms and then sends 300 one-byte records; arg[2]: a
+// listener that never accepts; arg[3]: a server with another certificate
+// that answers after 300 ms. The tasks' own rows come first, then hostile
+// scripts: they drop, re-enter or resurrect things while a call is parked or
+// the host is inside Lua, and get errors, not crashes.
+TEST(TasksTool, ScriptsGiveTheirOutputAndStatus) {
     const char kVictim[] = R"lua(
 local co
 local victim = Ombrix.spawn(function()
@@ -154,6 +98,26 @@ local victim = Ombrix.spawn(function()
 end)
 )lua";
     const struct { const char* name; std::string script; int status; const char* output; } cases[] = {
+        {"a failing task leaves the others intact, each fetching as a call outside tasks does", R"lua(
+local X = Cryptography
+local function fetch(port)
+  return function() return X.GetDigestFromCert("SHA256", X.X509FetchFromServer("127.0.0.1", tonumber(port))) end
+end
+local tasks = {Ombrix.spawn(fetch(arg[1])), Ombrix.spawn(function() error("task two fails", 0) end),
+               Ombrix.spawn(fetch(arg[3]))}
+local joined = {}
+for i, task in ipairs(tasks) do joined[i] = select(2, pcall(Ombrix.join, task)) end
+local ok, err = pcall(Ombrix.all, {fetch(arg[1]), function() error({code = 7}) end, fetch(arg[3])})
+local one, three = fetch(arg[1])(), fetch(arg[3])()
+print(one:find("^%x+$") and #one, one ~= three, joined[1] == one, joined[2], joined[3] == three,
+      Ombrix.join(tasks[3]) == three, ok, err.code))lua", 0, "64\ttrue\ttrue\ttask two fails\ttrue\ttrue\tfalse\t7\n"},
+        {"an unjoined task runs to its end", "Ombrix.spawn(function() print('ran') end)", 0, "ran\n"},
+        {"an unjoined task's failure sets the status", "Ombrix.spawn(function() error('lost', 0) end)", 1,
+         "ombrix: task 1 failed: lost\n"},
+        {"a joined task's failure is the join's",
+         "local t = Ombrix.spawn(function() error('seen', 0) end) print(pcall(Ombrix.join, t))", 0, "false\tseen\n"},
+        {"the scheduler resumes a yielding task with nothing",
+         "print(pcall(Ombrix.join, Ombrix.spawn(function() return coroutine.yield() or 5 end)))", 0, "true\t5\n"},
         {"a parked call's host string outlives its closed coroutine", kVictim + std::string(R"lua(
 Ombrix.spawn(function() coroutine.close(co) collectgarbage() end)
 print(pcall(Ombrix.join, victim)))lua"), 0, "false\tcannot resume dead coroutine\n"},
@@ -209,9 +173,10 @@ print(Ombrix.join(t)))lua", 0,
     });
     int silentPort = 0;
     const Socket silent = ListenTcp(&silentPort);
+    auto other = Server("alpha", 300);
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
-        const ToolRun run = RunScript(c.script, {tls->port(), silentPort});
+        const ToolRun run = RunScript(c.script, {tls->port(), silentPort, other->port()});
         EXPECT_EQ(run.status, c.status) << run.output;
         EXPECT_EQ(run.output, c.output);
     }

@@ -21,7 +21,6 @@ namespace {
 
 using nlohmann::json;
 using Session = AutoRefPtr<IVariant>;
-using Buffer = AutoRefPtr<IDataRef>;
 
 class TlsTest : public ModuleTest {
 protected:
@@ -32,7 +31,7 @@ protected:
     double State(const Session& s) { return Call("Cryptography.State", {s}).result->GetNumber(); }
     std::string Error(const Session& s) { return ResultString(Call("Cryptography.Error", {s})); }
     bool Connect(const Session& s, int fd) { return Call("Cryptography.Connect", {s, Num(fd)}).result->GetBoolean(); }
-    double Read(const Session& s, const Buffer& into, int n) { return Call("Cryptography.Read", {s, Dat(into), Num(n)}).result->GetNumber(); }
+    double Read(const Session& s, const AutoRefPtr<IDataRef>& into, int n) { return Call("Cryptography.Read", {s, Dat(into), Num(n)}).result->GetNumber(); }
     double Write(const Session& s, std::string data, int n) { return Call("Cryptography.Write", {s, Str(data), Num(n)}).result->GetNumber(); }
     void Shutdown(const Session& s) { EXPECT_TRUE(Call("Cryptography.Shutdown", {s}).ok()); }
 
@@ -79,9 +78,7 @@ TEST_F(TlsTest, ConfigurationFailuresGoToStateAndMessage) {
 // defaults. Sessions with the default CA locations share one store, which
 // follows each change of that file (content, replacement, removal).
 TEST_F(TlsTest, HandshakeVerifiesAsConfigured) {
-    ServerOptions options;
-    options.clientCA = TlsFile("ca.pem");
-    TlsServer server(options, [](SSL* ssl, int) {
+    TlsServer server({.clientCA = TlsFile("ca.pem")}, [](SSL* ssl, int) {
         char subject[256] = {};
         X509_NAME_oneline(X509_get_subject_name(SSL_get0_peer_certificate(ssl)), subject, sizeof subject);
         SSL_write(ssl, subject, static_cast<int>(std::strlen(subject)));
@@ -186,9 +183,9 @@ TEST_F(TlsTest, EndOfStreamShutdownAndStates) {
 TEST_F(TlsTest, NonBlockingHandshakeAndWriteCompleteOnRetry) {
     std::promise<void> answer, drain;
     std::promise<std::string> received;
-    ServerOptions options;
-    options.receiveBuffer = 4096;
-    options.beforeHandshake = [answered = answer.get_future().share()] { answered.wait_for(std::chrono::seconds(10)); };
+    const ServerOptions options{.receiveBuffer = 4096, .beforeHandshake = [answered = answer.get_future().share()] {
+                                    answered.wait_for(std::chrono::seconds(10));
+                                }};
     TlsServer server(options, [&, drained = drain.get_future().share()](SSL* ssl, int) {
         drained.wait_for(std::chrono::seconds(10));
         std::string all;
