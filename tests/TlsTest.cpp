@@ -12,7 +12,6 @@
 #include <nlohmann/json.hpp>
 
 #include "Harness.h"
-#include "Ombrix/Json.h"
 #include "KeysSupport.h"
 #include "TlsSupport.h"
 
@@ -25,8 +24,8 @@ using Session = AutoRefPtr<IVariant>;
 class TlsTest : public ModuleTest {
 protected:
     Session NewSession(const json& configuration) {
-        return Session(Call("Cryptography.CreateSSL", {Obj(AutoRefPtr<Ombrix::IUserDefinedType>(
-                                                          Ombrix::JSON::JSONWrapper::Make(configuration)))}).result);
+        const Session parsed(Call("JSON.FromString", {Str(configuration.dump())}).result);
+        return Session(Call("Cryptography.CreateSSL", {parsed}).result);
     }
     double State(const Session& s) { return Call("Cryptography.State", {s}).result->GetNumber(); }
     std::string Error(const Session& s) { return ResultString(Call("Cryptography.Error", {s})); }
@@ -35,13 +34,11 @@ protected:
     double Write(const Session& s, std::string data, int n) { return Call("Cryptography.Write", {s, Str(data), Num(n)}).result->GetNumber(); }
     void Shutdown(const Session& s) { EXPECT_TRUE(Call("Cryptography.Shutdown", {s}).ok()); }
 
-    // Repeats step while the session waits for the socket (state 2 or 3), polling it in between.
+    // Repeats step while the session waits for the socket (state 2 or 3), waiting on it in between.
     double Retry(const Session& s, int fd, const std::function<double()>& step) {
         double result = step();
-        for (int i = 0; i < 50 && result <= 0 && State(s) >= 2; ++i, result = step()) {
-            pollfd entry{fd, static_cast<short>(State(s) == 2 ? POLLIN : POLLOUT), 0};
-            ::poll(&entry, 1, 5000);
-        }
+        for (int i = 0; i < 50 && result <= 0 && State(s) >= 2; ++i, result = step())
+            Call("Net.Wait", {Num(fd), Str(State(s) == 2 ? "r" : "w"), Num(5000)});
         return result;
     }
 };
@@ -183,7 +180,7 @@ TEST_F(TlsTest, EndOfStreamShutdownAndStates) {
 TEST_F(TlsTest, NonBlockingHandshakeAndWriteCompleteOnRetry) {
     std::promise<void> answer, drain;
     std::promise<std::string> received;
-    const ServerOptions options{.receiveBuffer = 4096, .beforeHandshake = [answered = answer.get_future().share()] {
+    const ServerOptions options{.receiveBuffer = 4096, .beforeHandshake = [answered = answer.get_future().share()](int) {
                                     answered.wait_for(std::chrono::seconds(10));
                                 }};
     TlsServer server(options, [&, drained = drain.get_future().share()](SSL* ssl, int) {

@@ -7,11 +7,11 @@
 #include <gtest/gtest.h>
 #include <openssl/err.h>
 #include <openssl/ssl.h>
-#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <chrono>
+#include <csignal>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -63,7 +63,7 @@ struct ServerOptions {
     int delayMs = 0;                          // waits this long before it answers each handshake
     std::string clientCA = "";                // when set, a client certificate is required
     int receiveBuffer = 0;                    // of accepted connections (0: the system's)
-    std::function<void()> beforeHandshake{};  // runs on the server thread after accept
+    std::function<void(int fd)> beforeHandshake{};  // runs on the server thread after accept
 };
 
 // Serves TLS one connection at a time, handing each handshaken connection to
@@ -72,6 +72,8 @@ class TlsServer {
 public:
     explicit TlsServer(ServerOptions options, std::function<void(SSL* ssl, int fd)> session = {})
         : options_(std::move(options)), session_(std::move(session)) {
+        // A client may drop its connection mid-handshake: the next write must fail, not end the test.
+        std::signal(SIGPIPE, SIG_IGN);
         if (SSL_CTX_use_certificate_chain_file(context_.get(), TlsFile(options_.cert + ".pem").c_str()) != 1 ||
             SSL_CTX_use_PrivateKey_file(context_.get(), TlsFile(options_.cert + ".key").c_str(), SSL_FILETYPE_PEM) != 1)
             throw std::runtime_error("test server cannot load " + options_.cert);
@@ -92,7 +94,7 @@ public:
                 const timeval limit{10, 0};
                 setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
                 std::this_thread::sleep_for(std::chrono::milliseconds(options_.delayMs));
-                if (options_.beforeHandshake) options_.beforeHandshake();
+                if (options_.beforeHandshake) options_.beforeHandshake(fd);
                 std::unique_ptr<SSL, decltype(&SSL_free)> ssl(SSL_new(context_.get()), &SSL_free);
                 SSL_set_fd(ssl.get(), fd);
                 if (SSL_accept(ssl.get()) == 1 && session_) session_(ssl.get(), fd);
