@@ -161,8 +161,7 @@ TEST_F(EventLoopTest, NetWaitParksUntilTheSocketIsReadyOrTheTimeIsUp) {
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(std::string(c.mode) + " " + std::to_string(c.milliseconds));
-        char drain[16];
-        while (::recv(near.fd, drain, sizeof drain, MSG_DONTWAIT) > 0) {}
+        for (char drain[16]; ::recv(near.fd, drain, sizeof drain, MSG_DONTWAIT) > 0;) {}
         if (c.writeFirst) {
             ASSERT_EQ(::send(far.fd, "x", 1, 0), 1);
         }

@@ -29,11 +29,6 @@ ToolRun RunScript(const std::string& script, const std::vector<int>& ports) {
     return run;
 }
 
-// A server that waits before each handshake, then runs the session.
-std::unique_ptr<TlsServer> Server(const std::string& cert, int delayMs, std::function<void(SSL*, int)> session = {}) {
-    return std::make_unique<TlsServer>(ServerOptions{.cert = cert, .delayMs = delayMs}, std::move(session));
-}
-
 TEST(TasksTool, NetWaitInTasksInterleavesTlsReads) {
     // Each server echoes its client's line after a pause.
     const auto echo = [](SSL* ssl, int) {
@@ -42,7 +37,7 @@ TEST(TasksTool, NetWaitInTasksInterleavesTlsReads) {
         std::this_thread::sleep_for(std::chrono::milliseconds(800));
         if (n > 0) SSL_write(ssl, line, n);
     };
-    auto a = Server("server", 0, echo), b = Server("server", 0, echo);
+    const TlsServer a({}, echo), b({}, echo);
     const std::string script = R"lua(
 local X = Cryptography
 local function session(port, line)
@@ -71,7 +66,7 @@ end
 local one, two = Ombrix.all({session(arg[1], "one\n"), session(arg[2], "two\n")})
 io.write(one, two)
 )lua";
-    const ToolRun run = RunScript(script, {a->port(), b->port()});
+    const ToolRun run = RunScript(script, {a.port(), b.port()});
     EXPECT_EQ(run.status, 0) << run.output;
     EXPECT_EQ(run.output, "one\ntwo\n");
     EXPECT_LT(run.seconds, 1.5) << "the two 0.8 s pauses overlap";
@@ -161,16 +156,16 @@ end)
 print(Ombrix.join(t)))lua", 0,
          "false\tcoroutine.resume: task 1 is run by Ombrix, not by hand (Ombrix.join waits for it)\ntrue\nfalse\n"},
     };
-    auto tls = Server("server", 300, [](SSL* ssl, int) {
+    const TlsServer tls({.delayMs = 300}, [](SSL* ssl, int) {
         for (int i = 0; i < 300; ++i) SSL_write(ssl, "x", 1);
         std::this_thread::sleep_for(std::chrono::milliseconds(500));
     });
     int silentPort = 0;
     const Socket silent = ListenTcp(&silentPort);
-    auto other = Server("alpha", 300);
+    const TlsServer other({.cert = "alpha", .delayMs = 300});
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
-        const ToolRun run = RunScript(c.script, {tls->port(), silentPort, other->port()});
+        const ToolRun run = RunScript(c.script, {tls.port(), silentPort, other.port()});
         EXPECT_EQ(run.status, c.status) << run.output;
         EXPECT_EQ(run.output, c.output);
     }

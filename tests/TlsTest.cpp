@@ -33,6 +33,10 @@ protected:
     double Read(const Session& s, const AutoRefPtr<IDataRef>& into, int n) { return Call("Cryptography.Read", {s, Dat(into), Num(n)}).result->GetNumber(); }
     double Write(const Session& s, std::string data, int n) { return Call("Cryptography.Write", {s, Str(data), Num(n)}).result->GetNumber(); }
     void Shutdown(const Session& s) { EXPECT_TRUE(Call("Cryptography.Shutdown", {s}).ok()); }
+    // A blocking socket connected to the port on 127.0.0.1.
+    Socket Dial(int port) {
+        return Socket(static_cast<int>(Call("Net.Connect", {Str("127.0.0.1"), Num(port)}).result->GetNumber()));
+    }
 
     // Repeats step while the session waits for the socket (state 2 or 3), waiting on it in between.
     double Retry(const Session& s, int fd, const std::function<double()>& step) {
@@ -102,7 +106,7 @@ TEST_F(TlsTest, HandshakeVerifiesAsConfigured) {
         json configuration = c.configuration;
         configuration.update(clientCert);  // the server asks for the client certificate
         Session session = NewSession(configuration);
-        Socket socket = ConnectTcp(server.port());
+        Socket socket = Dial(server.port());
         EXPECT_EQ(Connect(session, socket.fd), c.connects);
         EXPECT_EQ(State(session), c.connects ? 1 : -1);
         const std::string message = Error(session);
@@ -124,7 +128,7 @@ TEST_F(TlsTest, HandshakeVerifiesAsConfigured) {
         std::filesystem::remove(caFile);
         if (s.content) dir.Write("bundle.pem", *s.content);
         Session session = NewSession(clientCert);
-        Socket socket = ConnectTcp(server.port());
+        Socket socket = Dial(server.port());
         EXPECT_EQ(Connect(session, socket.fd), s.connects) << Error(session);
     }
     ::unsetenv("SSL_CERT_FILE");
@@ -149,7 +153,7 @@ TEST_F(TlsTest, EndOfStreamShutdownAndStates) {
             ::shutdown(fd, SHUT_WR);
             for (char sink[64]; ::read(fd, sink, sizeof sink) > 0;) {}  // until the client closes
         });
-        Socket socket = ConnectTcp(server.port());
+        Socket socket = Dial(server.port());
         Session session = NewSession(kVerifying);
         ASSERT_TRUE(Connect(session, socket.fd)) << Error(session);
         auto received = Bytes("");
@@ -180,9 +184,8 @@ TEST_F(TlsTest, EndOfStreamShutdownAndStates) {
 TEST_F(TlsTest, NonBlockingHandshakeAndWriteCompleteOnRetry) {
     std::promise<void> answer, drain;
     std::promise<std::string> received;
-    const ServerOptions options{.receiveBuffer = 4096, .beforeHandshake = [answered = answer.get_future().share()](int) {
-                                    answered.wait_for(std::chrono::seconds(10));
-                                }};
+    ServerOptions options{.receiveBuffer = 4096};
+    options.beforeHandshake = [answer = answer.get_future().share()](int) { answer.wait_for(std::chrono::seconds(10)); };
     TlsServer server(options, [&, drained = drain.get_future().share()](SSL* ssl, int) {
         drained.wait_for(std::chrono::seconds(10));
         std::string all;
@@ -190,7 +193,7 @@ TEST_F(TlsTest, NonBlockingHandshakeAndWriteCompleteOnRetry) {
         for (int n; (n = SSL_read(ssl, buffer, sizeof buffer)) > 0;) all.append(buffer, static_cast<size_t>(n));
         received.set_value(all);
     });
-    Socket socket = ConnectTcp(server.port());
+    Socket socket = Dial(server.port());
     Session session = NewSession(kVerifying);
     const int sendBuffer = 4096;
     setsockopt(socket.fd, SOL_SOCKET, SO_SNDBUF, &sendBuffer, sizeof sendBuffer);

@@ -29,16 +29,8 @@ struct Socket {
     int fd = -1;
     explicit Socket(int f = -1) : fd(f) {}
     Socket(Socket&& other) noexcept : fd(std::exchange(other.fd, -1)) {}
-    Socket& operator=(Socket&& other) noexcept { std::swap(fd, other.fd); return *this; }
     ~Socket() { if (fd >= 0) ::close(fd); }
 };
-
-inline Socket ConnectTcp(int port) {
-    Socket socket(::socket(AF_INET, SOCK_STREAM, 0));
-    const sockaddr_in address = {AF_INET, htons(static_cast<uint16_t>(port)), {htonl(INADDR_LOOPBACK)}, {}};
-    EXPECT_EQ(::connect(socket.fd, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
-    return socket;
-}
 
 // Listens on a loopback address, on a free port or the one wanted (stored in
 // *port; reused however recently closed), and never accepts; fd -1 on failure.
@@ -83,7 +75,6 @@ public:
             SSL_CTX_load_verify_locations(context_.get(), options_.clientCA.c_str(), nullptr);
             SSL_CTX_set_verify(context_.get(), SSL_VERIFY_PEER | SSL_VERIFY_FAIL_IF_NO_PEER_CERT, nullptr);
         }
-        listener_ = ListenTcp(&port_, options_.host.c_str(), options_.port);
         if (listener_.fd < 0) throw std::runtime_error("test server cannot listen");
         if (options_.receiveBuffer > 0)
             setsockopt(listener_.fd, SOL_SOCKET, SO_RCVBUF, &options_.receiveBuffer, sizeof options_.receiveBuffer);
@@ -122,8 +113,8 @@ private:
     ServerOptions options_;
     std::function<void(SSL* ssl, int fd)> session_;
     std::unique_ptr<SSL_CTX, decltype(&SSL_CTX_free)> context_{SSL_CTX_new(TLS_server_method()), &SSL_CTX_free};
-    Socket listener_;
     int port_ = 0;
+    Socket listener_ = ListenTcp(&port_, options_.host.c_str(), options_.port);
     mutable std::mutex mutex_;
     std::string lastServerName_;
     std::thread thread_;
