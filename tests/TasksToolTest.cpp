@@ -18,7 +18,7 @@ struct ToolRun {
 // Runs a Lua script given as text, the ports as its arguments, under a 60 s limit.
 ToolRun RunScript(const std::string& script, const std::vector<int>& ports) {
     const TempDir dir;
-    std::string command = "timeout 60 '" OMBRIX_TOOL_PATH "' " + dir.Write("script.lua", script);
+    std::string command = "timeout 60 '" OMBRIX_TOOL_PATH "' '" + dir.Write("script.lua", script) + "'";
     for (int port : ports) command += " " + std::to_string(port);
     const auto start = std::chrono::steady_clock::now();
     ToolRun run{.output = RunShell(command + " 2>&1; echo \"exit status $?\"")};

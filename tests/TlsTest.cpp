@@ -20,6 +20,7 @@ namespace {
 
 using nlohmann::json;
 using Session = AutoRefPtr<IVariant>;
+using Buffer = AutoRefPtr<IDataRef>;
 
 class TlsTest : public ModuleTest {
 protected:
@@ -30,7 +31,7 @@ protected:
     double State(const Session& s) { return Call("Cryptography.State", {s}).result->GetNumber(); }
     std::string Error(const Session& s) { return ResultString(Call("Cryptography.Error", {s})); }
     bool Connect(const Session& s, int fd) { return Call("Cryptography.Connect", {s, Num(fd)}).result->GetBoolean(); }
-    double Read(const Session& s, const AutoRefPtr<IDataRef>& into, int n) { return Call("Cryptography.Read", {s, Dat(into), Num(n)}).result->GetNumber(); }
+    double Read(const Session& s, const Buffer& into, int n) { return Call("Cryptography.Read", {s, Dat(into), Num(n)}).result->GetNumber(); }
     double Write(const Session& s, std::string data, int n) { return Call("Cryptography.Write", {s, Str(data), Num(n)}).result->GetNumber(); }
     void Shutdown(const Session& s) { EXPECT_TRUE(Call("Cryptography.Shutdown", {s}).ok()); }
     // A blocking socket connected to the port on 127.0.0.1.
@@ -185,7 +186,7 @@ TEST_F(TlsTest, NonBlockingHandshakeAndWriteCompleteOnRetry) {
     std::promise<void> answer, drain;
     std::promise<std::string> received;
     ServerOptions options{.receiveBuffer = 4096};
-    options.beforeHandshake = [answer = answer.get_future().share()](int) { answer.wait_for(std::chrono::seconds(10)); };
+    options.beforeHandshake = [go = answer.get_future().share()](int) { go.wait_for(std::chrono::seconds(10)); };
     TlsServer server(options, [&, drained = drain.get_future().share()](SSL* ssl, int) {
         drained.wait_for(std::chrono::seconds(10));
         std::string all;
