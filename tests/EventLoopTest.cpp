@@ -205,15 +205,14 @@ TEST_F(EventLoopTest, NetConnectsWaitsSwitchesModeAndCloses) {
         const CallOutcome connect = engine_->Call("Net.Connect", {Str(host), Num(port)});
         ASSERT_TRUE(connect.ok());
         const int socket = static_cast<int>(connect.result->GetNumber());
-        const int peer = ::accept4(server.fd, nullptr, nullptr, SOCK_CLOEXEC);
-        ASSERT_GE(peer, 0);
+        const Socket peer(::accept4(server.fd, nullptr, nullptr, SOCK_CLOEXEC));
+        ASSERT_GE(peer.fd, 0);
         for (bool blocking : {false, true}) {
             EXPECT_TRUE(engine_->Call("Net.SetBlocking", {Num(socket), Bool(blocking)}).ok());
             EXPECT_EQ((::fcntl(socket, F_GETFL) & O_NONBLOCK) != 0, !blocking);
         }
         EXPECT_TRUE(engine_->Call("Net.Close", {Num(socket)}).ok());
         EXPECT_EQ(::fcntl(socket, F_GETFD), -1);
-        ::close(peer);
     }
 }
 

@@ -1,4 +1,5 @@
 // The TLS client routines against real servers on 127.0.0.1.
+#include <fcntl.h>
 #include <openssl/err.h>
 #include <openssl/ssl.h>
 #include <openssl/x509.h>

@@ -2,9 +2,7 @@
 #pragma once
 
 #include <arpa/inet.h>
-#include <fcntl.h>
 #include <netdb.h>
-#include <gtest/gtest.h>
 #include <openssl/err.h>
 #include <openssl/ssl.h>
 #include <sys/socket.h>
