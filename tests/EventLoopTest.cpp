@@ -33,7 +33,7 @@ ServerOptions Trickling(int intervalMs = 20, int bytes = 250) {
         const char header[] = {0x16, 0x03, 0x03, 0x40, 0x00};  // handshake record, 16 KiB long
         for (int i = 0; i < bytes; ++i) {
             const char byte = i < 5 ? header[i] : 0;
-            if (::send(fd, &byte, 1, 0) != 1) break;  // the client has gone
+            if (::send(fd, &byte, 1, MSG_NOSIGNAL) != 1) break;  // the client has gone
             std::this_thread::sleep_for(std::chrono::milliseconds(intervalMs));
         }
     }};
