@@ -1,11 +1,14 @@
 // The engine's event loop: parked calls are resumed by one poll over all of
-// them, so slow and silent servers never hold up the others.
-#include <dirent.h>
+// them, so slow and silent servers never hold up the others. The host's Net
+// module: connect over IPv4 and IPv6, waits, blocking mode, close and errors.
+#include <fcntl.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
 #include <chrono>
+#include <filesystem>
+#include <iterator>
 #include <optional>
 #include <thread>
 
@@ -18,48 +21,23 @@ namespace {
 using Clock = std::chrono::steady_clock;
 using Ombrix::Host::CallHandle;
 
-int OpenDescriptors() {
-    int count = 0;
-    if (DIR* dir = opendir("/proc/self/fd")) {
-        while (readdir(dir)) ++count;
-        closedir(dir);
-    }
-    return count;
-}
+// Counts the descriptor the listing itself holds too.
+long OpenDescriptors() { return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}); }
 
 double SecondsSince(Clock::time_point start) { return std::chrono::duration<double>(Clock::now() - start).count(); }
 
-// Accepts one connection and sends the start of a TLS record one byte at a
-// time, so a client's handshake goes on waiting without ever finishing.
-class TrickleServer {
-public:
-    explicit TrickleServer(int intervalMs = 20, int bytes = 250) : listener_(ListenTcp(&port_)) {
-        thread_ = std::thread([this, intervalMs, bytes] {
-            const int fd = ::accept(listener_.fd, nullptr, nullptr);
-            if (fd < 0) return;
-            Socket connection(fd);
-            const char header[] = {0x16, 0x03, 0x03, 0x40, 0x00};  // handshake record, 16 KiB long
-            for (int i = 0; !stop_ && i < bytes; ++i) {
-                const char byte = i < 5 ? header[i] : 0;
-                if (::send(fd, &byte, 1, MSG_NOSIGNAL) != 1) break;
-                for (int slept = 0; !stop_ && slept < intervalMs; slept += 10)
-                    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-            }
-        });
-    }
-    ~TrickleServer() {
-        stop_ = true;
-        ::shutdown(listener_.fd, SHUT_RDWR);
-        thread_.join();
-    }
-    int port() const { return port_; }
-
-private:
-    int port_ = 0;
-    Socket listener_;
-    std::atomic<bool> stop_{false};
-    std::thread thread_;
-};
+// A server that sends the start of a TLS record one byte at a time before it
+// answers, so a client's handshake goes on waiting without ever finishing.
+ServerOptions Trickling(int intervalMs = 20, int bytes = 250) {
+    return {.beforeHandshake = [intervalMs, bytes](int fd) {
+        const char header[] = {0x16, 0x03, 0x03, 0x40, 0x00};  // handshake record, 16 KiB long
+        for (int i = 0; i < bytes; ++i) {
+            const char byte = i < 5 ? header[i] : 0;
+            if (::send(fd, &byte, 1, MSG_NOSIGNAL) != 1) break;  // the client has gone
+            std::this_thread::sleep_for(std::chrono::milliseconds(intervalMs));
+        }
+    }};
+}
 
 class EventLoopTest : public ::testing::Test {
 protected:
@@ -69,15 +47,14 @@ protected:
         engine_.reset();
         EXPECT_EQ(OpenDescriptors(), descriptors_) << "a descriptor was left open";
     }
-    Engine& MakeEngine(int maxResumptions = 1000) {
+    void MakeEngine(int maxResumptions = 1000) {
         Engine::Options options;
         options.maxResumptions = maxResumptions;
         engine_.emplace(options);
         engine_->Load(CRYPTOGRAPHY_MODULE_PATH);
-        return *engine_;
     }
-    CallHandle StartFetch(int port) {
-        return engine_->Start("Cryptography.X509FetchFromServer", {Str("127.0.0.1"), Num(port)});
+    CallHandle StartFetch(int port, const char* host = "127.0.0.1") {
+        return engine_->Start("Cryptography.X509FetchFromServer", {Str(host), Num(port)});
     }
     // The PEM text of a finished fetch ("" for an empty certificate).
     std::string FetchedPem(CallHandle call, int* resumptions = nullptr) {
@@ -90,7 +67,7 @@ protected:
     }
 
     std::optional<Engine> engine_;
-    int descriptors_ = 0;
+    long descriptors_ = 0;
 };
 
 // Each fetch returns its own server's certificate, unverified (self-signed
@@ -102,31 +79,23 @@ TEST_F(EventLoopTest, ParkedCallsKeepTheirOwnState) {
     // finish in another order than they started, and the handshakes overlap.
     const std::string certs[] = {"server", "alpha", "self", "other-ca"};
     std::vector<std::unique_ptr<TlsServer>> servers;
-    std::vector<std::pair<CallHandle, std::string>> calls;
-    for (int i = 0; i < 12; ++i) {
-        const std::string& cert = certs[i % 4];
-        servers.push_back(std::make_unique<TlsServer>(Delayed(cert, 400 - 20 * i), [](SSL*, int) {}));
-    }
-    ServerOptions byName;
-    byName.byServerName = {{"localhost", "alpha"}};
-    TlsServer named(byName, [](SSL*, int) {});
+    for (int i = 0; i < 12; ++i)
+        servers.push_back(std::make_unique<TlsServer>(ServerOptions{.cert = certs[i % 4], .delayMs = 400 - 20 * i}));
     int closedPort = 0, silentPort = 0;
     ListenTcp(&closedPort);  // closed again at once
     const Socket silent = ListenTcp(&silentPort);  // accepts in the kernel, never answers
     const auto start = Clock::now();
     const CallHandle waiting = StartFetch(silentPort);
-    for (int i = 0; i < 12; ++i) calls.emplace_back(StartFetch(servers[i]->port()), certs[i % 4] + ".pem");
+    std::vector<std::pair<CallHandle, std::string>> calls;
+    for (int i = 0; i < 12; ++i)  // the second server is asked for by name
+        calls.emplace_back(StartFetch(servers[i]->port(), i == 1 ? "localhost" : "127.0.0.1"), certs[i % 4] + ".pem");
     EXPECT_EQ(engine_->ParkedCalls(), 13u);
-    calls.emplace_back(engine_->Start("Cryptography.X509FetchFromServer", {Str("localhost"), Num(named.port())}), "alpha.pem");
     calls.emplace_back(StartFetch(closedPort), "");
     // An IPv6 literal in brackets, and port 0 for 443 (where this process may listen).
-    std::vector<std::unique_ptr<TlsServer>> more;
     for (const auto& [host, port, asked] : {std::tuple{"::1", 0, "[::1]"}, {"127.0.0.1", 443, "127.0.0.1"}}) {
-        ServerOptions options = Delayed("self", 0);
-        options.host = host;
-        options.port = port;
-        try { more.push_back(std::make_unique<TlsServer>(options, [](SSL*, int) {})); } catch (const std::runtime_error&) { continue; }
-        calls.emplace_back(engine_->Start("Cryptography.X509FetchFromServer", {Str(asked), Num(port ? 0 : more.back()->port())}), "self.pem");
+        const ServerOptions options{.host = host, .port = port, .cert = "self"};
+        try { servers.push_back(std::make_unique<TlsServer>(options)); } catch (const std::runtime_error&) { continue; }
+        calls.emplace_back(StartFetch(port ? 0 : servers.back()->port(), asked), "self.pem");
     }
     while (!std::all_of(calls.begin(), calls.end(), [&](const auto& call) { return engine_->Finished(call.first); }))
         engine_->RunOnce();
@@ -140,24 +109,13 @@ TEST_F(EventLoopTest, ParkedCallsKeepTheirOwnState) {
         EXPECT_TRUE(cert.empty() || resumptions > 0) << "the call suspends while it waits for the server";
     }
     EXPECT_EQ(servers[0]->LastServerName(), "127.0.0.1");
-    EXPECT_EQ(named.LastServerName(), "localhost");
-}
-
-TEST_F(EventLoopTest, SilentServerIsGivenUpOnAfterOneWait) {
-    MakeEngine();
-    int silentPort = 0;
-    Socket silent = ListenTcp(&silentPort);  // accepts in the kernel, never answers
-    const auto start = Clock::now();
-    const CallHandle call = StartFetch(silentPort);
-    engine_->RunUntilIdle();
-    EXPECT_EQ(FetchedPem(call), "");
-    EXPECT_LT(SecondsSince(start), 8.0) << "one 5 s wait for the handshake, no more";
+    EXPECT_EQ(servers[1]->LastServerName(), "localhost");
 }
 
 TEST_F(EventLoopTest, ResumptionBoundEndsWithAnEmptyCertificate) {
     for (const int bound : {0, 3, 6}) {
         SCOPED_TRACE(bound);
-        TrickleServer server;  // keeps the handshake going one byte at a time
+        const TlsServer server(Trickling());
         MakeEngine(bound);
         int resumptions = -1;
         const CallHandle call = StartFetch(server.port());
@@ -168,12 +126,18 @@ TEST_F(EventLoopTest, ResumptionBoundEndsWithAnEmptyCertificate) {
 }
 
 // A server that keeps each wait short of its 5 s timeout would hold a fetch
-// for 256 waits; the fetch gives up after 30 s in all. (The one slow test.)
+// for 256 waits; the fetch gives up after 30 s in all, while a silent
+// server's fetch beside it gives up after one wait. (The slow test.)
 TEST_F(EventLoopTest, TricklingServerIsGivenUpOnAfterThirtySeconds) {
     MakeEngine();
-    TrickleServer server(600, 100);  // a byte every 0.6 s for a minute
+    const TlsServer server(Trickling(600, 100));  // a byte every 0.6 s for a minute
+    int silentPort = 0;
+    const Socket silent = ListenTcp(&silentPort);  // accepts in the kernel, never answers
     const auto start = Clock::now();
-    const CallHandle call = StartFetch(server.port());
+    const CallHandle call = StartFetch(server.port()), quiet = StartFetch(silentPort);
+    engine_->RunUntilFinished(quiet);
+    EXPECT_LT(SecondsSince(start), 8.0) << "one 5 s wait for the silent server's handshake, no more";
+    EXPECT_EQ(FetchedPem(quiet), "");
     engine_->RunUntilIdle();
     const double seconds = SecondsSince(start);
     int resumptions = 0;
@@ -193,11 +157,11 @@ TEST_F(EventLoopTest, NetWaitParksUntilTheSocketIsReadyOrTheTimeIsUp) {
         {"r", 150, false, false, false, 0.14},  // nothing arrives: false once the time is up
         {"w", 5000, false, false, true, 0.0},   // writable at once
         {"r", 0, true, false, true, 0.0},       // a zero wait looks without parking
+        {"rw", 0, false, false, true, 0.0},     // one side ready is enough
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(std::string(c.mode) + " " + std::to_string(c.milliseconds));
-        char drain[16];
-        while (::recv(near.fd, drain, sizeof drain, MSG_DONTWAIT) > 0) {}
+        for (char drain[16]; ::recv(near.fd, drain, sizeof drain, MSG_DONTWAIT) > 0;) {}
         if (c.writeFirst) {
             ASSERT_EQ(::send(far.fd, "x", 1, 0), 1);
         }
@@ -228,6 +192,56 @@ TEST_F(EventLoopTest, NetWaitParksUntilTheSocketIsReadyOrTheTimeIsUp) {
     EXPECT_LT(SecondsSince(start), 1.0);
     EXPECT_TRUE(engine_->TakeOutcome(hungUp).result->GetBoolean());
     engine_->RunUntilIdle();
+}
+
+TEST_F(EventLoopTest, NetConnectsWaitsSwitchesModeAndCloses) {
+    for (const char* host : {"127.0.0.1", "::1"}) {
+        SCOPED_TRACE(host);
+        int port = 0;
+        const Socket server = ListenTcp(&port, host);
+        if (!port && host[0] == ':') continue;  // no IPv6 loopback here
+        ASSERT_NE(port, 0);
+        MakeEngine();
+        const CallOutcome connect = engine_->Call("Net.Connect", {Str(host), Num(port)});
+        ASSERT_TRUE(connect.ok());
+        const int socket = static_cast<int>(connect.result->GetNumber());
+        const Socket peer(::accept4(server.fd, nullptr, nullptr, SOCK_CLOEXEC));
+        ASSERT_GE(peer.fd, 0);
+        for (bool blocking : {false, true}) {
+            EXPECT_TRUE(engine_->Call("Net.SetBlocking", {Num(socket), Bool(blocking)}).ok());
+            EXPECT_EQ((::fcntl(socket, F_GETFL) & O_NONBLOCK) != 0, !blocking);
+        }
+        EXPECT_TRUE(engine_->Call("Net.Close", {Num(socket)}).ok());
+        EXPECT_EQ(::fcntl(socket, F_GETFD), -1);
+    }
+}
+
+TEST_F(EventLoopTest, NetFailures) {
+    int closedPort = 0;
+    ListenTcp(&closedPort);  // closed again at once
+    const int closedSocket = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+    ::close(closedSocket);
+    const std::string closed = std::to_string(closedSocket), invalid = "Error.Ombrix.InvalidArgument",
+                      failed = "Error.Ombrix.FunctionError";
+    struct { const char* routine; Args args; std::string id, message; } cases[] = {  // message: a prefix
+        {"Net.Connect", {Str("127.0.0.1"), Num(closedPort)}, failed,
+         "Cannot connect to 127.0.0.1 port " + std::to_string(closedPort) + ": Connection refused"},
+        {"Net.Connect", {Str("127.0.0.1"), Num(0)}, invalid, "Invalid port 0"},
+        {"Net.Connect", {Str("127.0.0.1"), Num(65536)}, invalid, "Invalid port 65536"},
+        {"Net.Connect", {Str("not an address!"), Num(80)}, failed, "Cannot resolve \"not an address!\": "},
+        {"Net.Wait", {Num(0), Str("x"), Num(0)}, invalid, "Invalid wait mode \"x\""},
+        {"Net.Wait", {Num(closedSocket), Str("r"), Num(0)}, failed, "Cannot wait on socket " + closed + ": "},
+        {"Net.SetBlocking", {Num(closedSocket), Bool(false)}, failed, "Cannot change the blocking mode of socket " + closed},
+        {"Net.Close", {Num(closedSocket)}, failed, "Cannot close socket " + closed + ": Bad file descriptor"},
+        {"Net.Close", {Num(-5)}, invalid, "Invalid socket -5"},
+    };
+    MakeEngine();
+    for (const auto& c : cases) {
+        const CallOutcome outcome = engine_->Call(c.routine, c.args);
+        ASSERT_TRUE(outcome.status == 0 && outcome.errors.size() == 1) << c.message;
+        const auto& e = outcome.errors[0];
+        EXPECT_EQ(e.moduleNamespace + " " + e.id + " " + e.message.substr(0, c.message.size()), "Net " + c.id + " " + c.message);
+    }
 }
 
 }  // namespace

@@ -1,4 +1,5 @@
 // The TLS client routines against real servers on 127.0.0.1.
+#include <fcntl.h>
 #include <openssl/err.h>
 #include <openssl/ssl.h>
 #include <openssl/x509.h>
@@ -12,7 +13,6 @@
 #include <nlohmann/json.hpp>
 
 #include "Harness.h"
-#include "Ombrix/Json.h"
 #include "KeysSupport.h"
 #include "TlsSupport.h"
 
@@ -26,8 +26,8 @@ using Buffer = AutoRefPtr<IDataRef>;
 class TlsTest : public ModuleTest {
 protected:
     Session NewSession(const json& configuration) {
-        return Session(Call("Cryptography.CreateSSL", {Obj(AutoRefPtr<Ombrix::IUserDefinedType>(
-                                                          Ombrix::JSON::JSONWrapper::Make(configuration)))}).result);
+        const Session parsed(Call("JSON.FromString", {Str(configuration.dump())}).result);
+        return Session(Call("Cryptography.CreateSSL", {parsed}).result);
     }
     double State(const Session& s) { return Call("Cryptography.State", {s}).result->GetNumber(); }
     std::string Error(const Session& s) { return ResultString(Call("Cryptography.Error", {s})); }
@@ -35,14 +35,16 @@ protected:
     double Read(const Session& s, const Buffer& into, int n) { return Call("Cryptography.Read", {s, Dat(into), Num(n)}).result->GetNumber(); }
     double Write(const Session& s, std::string data, int n) { return Call("Cryptography.Write", {s, Str(data), Num(n)}).result->GetNumber(); }
     void Shutdown(const Session& s) { EXPECT_TRUE(Call("Cryptography.Shutdown", {s}).ok()); }
+    // A blocking socket connected to the port on 127.0.0.1.
+    Socket Dial(int port) {
+        return Socket(static_cast<int>(Call("Net.Connect", {Str("127.0.0.1"), Num(port)}).result->GetNumber()));
+    }
 
-    // Repeats step while the session waits for the socket (state 2 or 3), polling it in between.
+    // Repeats step while the session waits for the socket (state 2 or 3), waiting on it in between.
     double Retry(const Session& s, int fd, const std::function<double()>& step) {
         double result = step();
-        for (int i = 0; i < 50 && result <= 0 && State(s) >= 2; ++i, result = step()) {
-            pollfd entry{fd, static_cast<short>(State(s) == 2 ? POLLIN : POLLOUT), 0};
-            ::poll(&entry, 1, 5000);
-        }
+        for (int i = 0; i < 50 && result <= 0 && State(s) >= 2; ++i, result = step())
+            Call("Net.Wait", {Num(fd), Str(State(s) == 2 ? "r" : "w"), Num(5000)});
         return result;
     }
 };
@@ -79,9 +81,7 @@ TEST_F(TlsTest, ConfigurationFailuresGoToStateAndMessage) {
 // defaults. Sessions with the default CA locations share one store, which
 // follows each change of that file (content, replacement, removal).
 TEST_F(TlsTest, HandshakeVerifiesAsConfigured) {
-    ServerOptions options;
-    options.clientCA = TlsFile("ca.pem");
-    TlsServer server(options, [](SSL* ssl, int) {
+    TlsServer server({.clientCA = TlsFile("ca.pem")}, [](SSL* ssl, int) {
         char subject[256] = {};
         X509_NAME_oneline(X509_get_subject_name(SSL_get0_peer_certificate(ssl)), subject, sizeof subject);
         SSL_write(ssl, subject, static_cast<int>(std::strlen(subject)));
@@ -108,7 +108,7 @@ TEST_F(TlsTest, HandshakeVerifiesAsConfigured) {
         json configuration = c.configuration;
         configuration.update(clientCert);  // the server asks for the client certificate
         Session session = NewSession(configuration);
-        Socket socket = ConnectTcp(server.port());
+        Socket socket = Dial(server.port());
         EXPECT_EQ(Connect(session, socket.fd), c.connects);
         EXPECT_EQ(State(session), c.connects ? 1 : -1);
         const std::string message = Error(session);
@@ -130,7 +130,7 @@ TEST_F(TlsTest, HandshakeVerifiesAsConfigured) {
         std::filesystem::remove(caFile);
         if (s.content) dir.Write("bundle.pem", *s.content);
         Session session = NewSession(clientCert);
-        Socket socket = ConnectTcp(server.port());
+        Socket socket = Dial(server.port());
         EXPECT_EQ(Connect(session, socket.fd), s.connects) << Error(session);
     }
     ::unsetenv("SSL_CERT_FILE");
@@ -155,7 +155,7 @@ TEST_F(TlsTest, EndOfStreamShutdownAndStates) {
             ::shutdown(fd, SHUT_WR);
             for (char sink[64]; ::read(fd, sink, sizeof sink) > 0;) {}  // until the client closes
         });
-        Socket socket = ConnectTcp(server.port());
+        Socket socket = Dial(server.port());
         Session session = NewSession(kVerifying);
         ASSERT_TRUE(Connect(session, socket.fd)) << Error(session);
         auto received = Bytes("");
@@ -186,9 +186,8 @@ TEST_F(TlsTest, EndOfStreamShutdownAndStates) {
 TEST_F(TlsTest, NonBlockingHandshakeAndWriteCompleteOnRetry) {
     std::promise<void> answer, drain;
     std::promise<std::string> received;
-    ServerOptions options;
-    options.receiveBuffer = 4096;
-    options.beforeHandshake = [answered = answer.get_future().share()] { answered.wait_for(std::chrono::seconds(10)); };
+    ServerOptions options{.receiveBuffer = 4096};
+    options.beforeHandshake = [go = answer.get_future().share()](int) { go.wait_for(std::chrono::seconds(10)); };
     TlsServer server(options, [&, drained = drain.get_future().share()](SSL* ssl, int) {
         drained.wait_for(std::chrono::seconds(10));
         std::string all;
@@ -196,7 +195,7 @@ TEST_F(TlsTest, NonBlockingHandshakeAndWriteCompleteOnRetry) {
         for (int n; (n = SSL_read(ssl, buffer, sizeof buffer)) > 0;) all.append(buffer, static_cast<size_t>(n));
         received.set_value(all);
     });
-    Socket socket = ConnectTcp(server.port());
+    Socket socket = Dial(server.port());
     Session session = NewSession(kVerifying);
     const int sendBuffer = 4096;
     setsockopt(socket.fd, SOL_SOCKET, SO_SNDBUF, &sendBuffer, sizeof sendBuffer);

@@ -2,18 +2,14 @@
 #pragma once
 
 #include <arpa/inet.h>
-#include <fcntl.h>
 #include <netdb.h>
-#include <gtest/gtest.h>
 #include <openssl/err.h>
 #include <openssl/ssl.h>
-#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <functional>
-#include <map>
 #include <memory>
 #include <mutex>
 #include <stdexcept>
@@ -30,16 +26,8 @@ struct Socket {
     int fd = -1;
     explicit Socket(int f = -1) : fd(f) {}
     Socket(Socket&& other) noexcept : fd(std::exchange(other.fd, -1)) {}
-    Socket& operator=(Socket&& other) noexcept { std::swap(fd, other.fd); return *this; }
     ~Socket() { if (fd >= 0) ::close(fd); }
 };
-
-inline Socket ConnectTcp(int port) {
-    Socket socket(::socket(AF_INET, SOCK_STREAM, 0));
-    const sockaddr_in address = {AF_INET, htons(static_cast<uint16_t>(port)), {htonl(INADDR_LOOPBACK)}, {}};
-    EXPECT_EQ(::connect(socket.fd, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
-    return socket;
-}
 
 // Listens on a loopback address, on a free port or the one wanted (stored in
 // *port; reused however recently closed), and never accepts; fd -1 on failure.
@@ -58,38 +46,30 @@ inline Socket ListenTcp(int* port, const char* host = "127.0.0.1", int wanted = 
 }
 
 struct ServerOptions {
-    std::string host = "127.0.0.1";                   // the loopback address listened on
-    int port = 0;                                     // 0: a free one
-    std::string cert = "server";                      // base name: server.pem and server.key
-    std::map<std::string, std::string> byServerName;  // server name -> certificate base name
-    std::string clientCA;                             // when set, a client certificate is required
-    int receiveBuffer = 0;                            // of accepted connections (0: the system's)
-    std::function<void()> beforeHandshake;            // runs on the server thread after accept
+    std::string host = "127.0.0.1";                 // the loopback address listened on
+    int port = 0;                                   // 0: a free one
+    std::string cert = "server";                    // base name: server.pem and server.key
+    int delayMs = 0;                                // waits this long before it answers each handshake
+    std::string clientCA = "";                      // when set, a client certificate is required
+    int receiveBuffer = 0;                          // of accepted connections (0: the system's)
+    std::function<void(int fd)> beforeHandshake{};  // runs on the server thread after accept
 };
 
-// A server that waits before it answers each handshake.
-inline ServerOptions Delayed(const std::string& cert, int milliseconds) {
-    ServerOptions options;
-    options.cert = cert;
-    options.beforeHandshake = [milliseconds] { std::this_thread::sleep_for(std::chrono::milliseconds(milliseconds)); };
-    return options;
-}
-
 // Serves TLS one connection at a time, handing each handshaken connection to
-// the session function on the server thread; destruction stops it.
+// the session function, if any, on the server thread; destruction stops it.
 class TlsServer {
 public:
-    TlsServer(ServerOptions options, std::function<void(SSL* ssl, int fd)> session) : options_(std::move(options)), session_(std::move(session)) {
+    explicit TlsServer(ServerOptions options, std::function<void(SSL* ssl, int fd)> session = {})
+        : options_(std::move(options)), session_(std::move(session)) {
         if (SSL_CTX_use_certificate_chain_file(context_.get(), TlsFile(options_.cert + ".pem").c_str()) != 1 ||
             SSL_CTX_use_PrivateKey_file(context_.get(), TlsFile(options_.cert + ".key").c_str(), SSL_FILETYPE_PEM) != 1)
             throw std::runtime_error("test server cannot load " + options_.cert);
-        SSL_CTX_set_tlsext_servername_callback(context_.get(), &TlsServer::SelectByName);
+        SSL_CTX_set_tlsext_servername_callback(context_.get(), &TlsServer::RecordName);
         SSL_CTX_set_tlsext_servername_arg(context_.get(), this);
         if (!options_.clientCA.empty()) {
             SSL_CTX_load_verify_locations(context_.get(), options_.clientCA.c_str(), nullptr);
             SSL_CTX_set_verify(context_.get(), SSL_VERIFY_PEER | SSL_VERIFY_FAIL_IF_NO_PEER_CERT, nullptr);
         }
-        listener_ = ListenTcp(&port_, options_.host.c_str(), options_.port);
         if (listener_.fd < 0) throw std::runtime_error("test server cannot listen");
         if (options_.receiveBuffer > 0)
             setsockopt(listener_.fd, SOL_SOCKET, SO_RCVBUF, &options_.receiveBuffer, sizeof options_.receiveBuffer);
@@ -99,10 +79,11 @@ public:
                 // No session may hang the test: a read gives up after a while (writes are small).
                 const timeval limit{10, 0};
                 setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
-                if (options_.beforeHandshake) options_.beforeHandshake();
+                std::this_thread::sleep_for(std::chrono::milliseconds(options_.delayMs));
+                if (options_.beforeHandshake) options_.beforeHandshake(fd);
                 std::unique_ptr<SSL, decltype(&SSL_free)> ssl(SSL_new(context_.get()), &SSL_free);
                 SSL_set_fd(ssl.get(), fd);
-                if (SSL_accept(ssl.get()) == 1) session_(ssl.get(), fd);
+                if (SSL_accept(ssl.get()) == 1 && session_) session_(ssl.get(), fd);
                 ERR_clear_error();
             }
         });
@@ -116,23 +97,19 @@ public:
     std::string LastServerName() const { std::lock_guard lock(mutex_); return lastServerName_; }
 
 private:
-    static int SelectByName(SSL* ssl, int*, void* self) {
+    static int RecordName(SSL* ssl, int*, void* self) {
         auto* server = static_cast<TlsServer*>(self);
         const char* name = SSL_get_servername(ssl, TLSEXT_NAMETYPE_host_name);
         std::lock_guard lock(server->mutex_);
         server->lastServerName_ = name ? name : "";
-        if (auto it = server->options_.byServerName.find(server->lastServerName_); it != server->options_.byServerName.end()) {
-            SSL_use_certificate_chain_file(ssl, TlsFile(it->second + ".pem").c_str());
-            SSL_use_PrivateKey_file(ssl, TlsFile(it->second + ".key").c_str(), SSL_FILETYPE_PEM);
-        }
         return SSL_TLSEXT_ERR_OK;
     }
 
     ServerOptions options_;
     std::function<void(SSL* ssl, int fd)> session_;
     std::unique_ptr<SSL_CTX, decltype(&SSL_CTX_free)> context_{SSL_CTX_new(TLS_server_method()), &SSL_CTX_free};
-    Socket listener_;
     int port_ = 0;
+    Socket listener_ = ListenTcp(&port_, options_.host.c_str(), options_.port);
     mutable std::mutex mutex_;
     std::string lastServerName_;
     std::thread thread_;
