@@ -36,7 +36,6 @@ ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 # Tests that wait for timeouts: they run in the second phase, last.
 SLOW_TESTS = [
     "EventLoopTest.TricklingServerIsGivenUpOnAfterThirtySeconds",
-    "EventLoopTest.SilentServerIsGivenUpOnAfterOneWait",
 ]
 NOT_GTEST = r"^(lua|example|guide|terminal|cli)\."
 GTEST_TIMEOUT = 240
