@@ -97,6 +97,18 @@ print(one:find("^%x+$") and #one, one ~= three, joined[1] == one, joined[2], joi
          "ombrix: task 1 failed: lost\nexit 1\n"},
         {"a joined task's failure is the join's",
          "local t = Ombrix.spawn(function() error('seen', 0) end) print(pcall(Ombrix.join, t))", "false\tseen\nexit 0\n"},
+        {"a task cannot join itself, nor tasks that wait for each other", R"lua(
+io.stdout:setvbuf("line")
+local t, a, b
+t = Ombrix.spawn(function() coroutine.yield() return pcall(Ombrix.join, t) end)
+print(Ombrix.join(t))
+a = Ombrix.spawn(function() coroutine.yield() return Ombrix.join(b) end)
+b = Ombrix.spawn(function() return Ombrix.join(a) end)
+print(pcall(Ombrix.join, a)))lua",
+         "false\tOmbrix.join: a task cannot wait for itself\n"
+         "false\tOmbrix.join: the task can never finish (tasks wait for each other)\n"
+         "ombrix: task 2 never finished (tasks wait for each other)\n"
+         "ombrix: task 3 never finished (tasks wait for each other)\nexit 1\n"},
         {"the scheduler resumes a yielding task with nothing",
          "print(pcall(Ombrix.join, Ombrix.spawn(function() return coroutine.yield() or 5 end)))", "true\t5\nexit 0\n"},
         {"a parked call's host string outlives its closed coroutine", kVictim + std::string(R"lua(
