@@ -71,12 +71,9 @@ protected:
     std::vector<std::string> Seal(const std::string& plain, const std::string& key, AutoRefPtr<IVariant> nonce,
                                   const std::string& aad) {
         const auto out = CallEntry("ombrix_module_Encrypt_AEAD_CHACHA20_POLY1305", {Str(plain), Str(key), nonce, Str(aad)});
-        std::vector<std::string> parts;
-        for (uint64_t i = 0; out.result->GetVector() && i < out.result->GetVector()->GetSize(); ++i) {
-            AutoRefPtr<IDataRef> data = out.result->GetVector()->GetElement(i)->GetData();
-            parts.emplace_back(data->GetData(), data->GetSize());
-        }
-        return parts;
+        return Elements(out.result, [](const AutoRefPtr<IVariant>& part) {
+            return std::string(Ombrix::DataBytes(part->GetData()).view());
+        });
     }
     CallOutcome Open(AutoRefPtr<IVariant> ct, AutoRefPtr<IVariant> tag, const std::string& key,
                      AutoRefPtr<IVariant> nonce, const std::string& aad, const char* entry = "DataRef") {

@@ -20,15 +20,6 @@ inline nlohmann::ordered_json JsonResult(const CallOutcome& outcome) {
     return text.empty() ? nlohmann::ordered_json() : nlohmann::ordered_json::parse(text);
 }
 
-// The elements of a VECTOR result, each as show gives it.
-template <typename Show>
-std::vector<std::string> Elements(const AutoRefPtr<IVariant>& result, Show show) {
-    std::vector<std::string> elements;
-    const AutoRefPtr<Ombrix::IVectorGeneric> vector = result ? result->GetVector() : nullptr;
-    for (uint64_t i = 0; vector && i < vector->GetSize(); ++i) elements.push_back(show(vector->GetElement(i)));
-    return elements;
-}
-
 class CertTest : public ModuleTest {
 public:
     // The result of a call that must not report.

@@ -40,6 +40,15 @@ inline std::string ResultString(const CallOutcome& o) {
     return o.result ? std::string(o.result->GetString(), o.result->GetStringSize()) : std::string();
 }
 
+// The elements of a VECTOR result, each as show gives it.
+template <typename Show>
+std::vector<std::string> Elements(const AutoRefPtr<IVariant>& result, Show show) {
+    std::vector<std::string> elements;
+    const AutoRefPtr<Ombrix::IVectorGeneric> vector = result ? result->GetVector() : nullptr;
+    for (uint64_t i = 0; vector && i < vector->GetSize(); ++i) elements.push_back(show(vector->GetElement(i)));
+    return elements;
+}
+
 // Each test gets its own engine with the module loaded.
 class ModuleTest : public ::testing::Test {
 protected:
